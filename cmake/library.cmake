@@ -1,0 +1,58 @@
+# libquorlin.so: C++ without the C++ library. The C compiler links it, so that nothing but libc can come in.
+set(QUORLIN_SOURCES
+  util/platform.cpp
+  os/libos_log.cpp
+  os/libos_thread.cpp
+  os/libos_dlist.cpp
+  converter/CommonFun.cpp
+  converter/AES.cpp
+  converter/ADTSFrame.cpp
+  converter/CLS_SingleAviIndex.cpp
+  converter/Quorlin_job.cpp
+  converter/Quorlin_avi.cpp
+  converter/Quorlin_index.cpp
+  converter/Quorlin_decrypt.cpp
+  converter/Quorlin_recorder.cpp
+  converter/Quorlin_late_audio.cpp
+  converter/Quorlin_file.cpp
+  converter/Quorlin_window.cpp
+  converter/Quorlin_thread.cpp
+  converter/Quorlin_entry.cpp
+  converter/Quorlin_stream.cpp)
+
+# One list of exported names makes the linker's map; a test holds the built library against the same list.
+set(QUORLIN_EXPORT_LIST ${CMAKE_SOURCE_DIR}/cmake/exports.txt)
+set(QUORLIN_EXPORT_MAP ${CMAKE_BINARY_DIR}/quorlin.map)
+file(STRINGS ${QUORLIN_EXPORT_LIST} exported_names REGEX "^[A-Za-z_]")
+list(JOIN exported_names ";\n    " exported_names)
+file(CONFIGURE OUTPUT ${QUORLIN_EXPORT_MAP} CONTENT "{\n  global:\n    @exported_names@;\n  local: *;\n};\n" @ONLY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${QUORLIN_EXPORT_LIST})
+
+add_library(quorlin SHARED ${QUORLIN_SOURCES})
+set_target_properties(quorlin PROPERTIES
+  VERSION ${PROJECT_VERSION}
+  SOVERSION ${PROJECT_VERSION_MAJOR}
+  LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}
+  LINKER_LANGUAGE C
+  LINK_DEPENDS ${QUORLIN_EXPORT_MAP}
+  CXX_VISIBILITY_PRESET hidden
+  VISIBILITY_INLINES_HIDDEN ON)
+target_include_directories(quorlin PUBLIC
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/converter>
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/os>
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/util>
+  $<INSTALL_INTERFACE:include/quorlin>)
+target_compile_definitions(quorlin PRIVATE QUORLIN_BUILDING _FILE_OFFSET_BITS=64)
+target_compile_options(quorlin PRIVATE
+  -Wconversion -Wno-sign-conversion
+  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-asynchronous-unwind-tables
+  -ffunction-sections -fdata-sections)
+# -Bsymbolic-functions: another library's encrypt() or Initialize() must not step between our own calls.
+target_link_options(quorlin PRIVATE
+  -Wl,--version-script=${QUORLIN_EXPORT_MAP} -Wl,-Bsymbolic-functions
+  -Wl,--gc-sections -Wl,-z,relro -Wl,-z,now)
+if(NOT QUORLIN_SANITIZE)
+  target_link_options(quorlin PRIVATE -Wl,--no-undefined)
+endif()
+find_package(Threads REQUIRED)
+target_link_libraries(quorlin PRIVATE Threads::Threads)
