@@ -19,11 +19,11 @@
 
 #if defined(__GNUC__)
 #define LIBOS_API __attribute__((visibility("default")))
-#define LIBOS_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define LIBOS_PRINTF(text, args) __attribute__((format(printf, text, args)))
 #define LIBOS_NORETURN __attribute__((noreturn))
 #else
 #define LIBOS_API
-#define LIBOS_PRINTF(format, first)
+#define LIBOS_PRINTF(text, args)
 #define LIBOS_NORETURN
 #endif
 
