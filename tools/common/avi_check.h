@@ -1,0 +1,56 @@
+// A strict check of an AVI file's structure: nesting, sizes, padding, counts, index against chunks. It knows
+// the AVI format and what this product writes, and shares no code with the library that writes it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace avi {
+
+struct Finding
+{
+    uint64_t offset; // where in the file
+    std::string what;
+};
+
+struct Chunk
+{
+    std::string id;  // "00dc", "01wb"
+    uint64_t offset; // of its 8-byte header
+    uint32_t size;   // data bytes, without pad byte
+    bool key;        // from the index
+};
+
+struct Audio
+{
+    bool present = false;
+    uint16_t formatTag = 0;
+    uint16_t channels = 0;
+    uint32_t sampleRate = 0;
+    uint32_t length = 0; // stream header's dwLength
+    std::vector<uint8_t> config;
+};
+
+struct Report
+{
+    std::vector<Finding> findings; // empty: the file is sound
+    std::vector<Chunk> chunks;     // in file order
+    uint32_t width = 0, height = 0, rate = 0, videoLength = 0;
+    Audio audio;
+    uint64_t moviOffset = 0; // of the "movi" FourCC
+
+    bool sound() const { return findings.empty(); }
+};
+
+// Check a file on disk. One that cannot be read is a finding.
+Report check_file(const std::string& path);
+
+// All findings, one a line.
+std::string describe(const Report& report);
+
+// The data bytes of all chunks with that id, one behind the other, and of one chunk.
+std::vector<uint8_t> stream_bytes(const std::string& path, const Report& report, const std::string& id);
+std::vector<uint8_t> chunk_bytes(const std::string& path, const Chunk& chunk);
+
+} // namespace avi
