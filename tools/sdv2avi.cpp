@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -230,6 +231,7 @@ int main(int argc, char** argv)
     CLI11_PARSE(app, argc, argv);
 
     fill_standard_descriptors();
+    signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a write that fails, not an end without a word
     if (options.output.empty())
         options.output = std::filesystem::path(options.input).replace_extension(".avi").string();
     try {
