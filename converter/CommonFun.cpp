@@ -36,8 +36,10 @@ BOOL IsValidFileHeader(S_FileHeader* _pFileHeader)
     case 21:
     case 31:
     case 32:
-    case 41: return 1;
-    default: return 0;
+    case 41:
+        return 1;
+    default:
+        return 0;
     }
 }
 
@@ -60,13 +62,20 @@ BOOL IsValidFrmHeader(LPBYTE _pFrmHeader)
 int GetFrameFlagByMode(int _iMode)
 {
     switch (_iMode) {
-    case MODE_MPEG4: return static_cast<int>(P_iFrameFlag[2]);
-    case 21: return static_cast<int>(P_iFrameFlag[0]);
-    case 22: return static_cast<int>(P_iFrameFlag[3]);
-    case 31: return static_cast<int>(P_iFrameFlag[1]);
-    case 32: return static_cast<int>(P_iFrameFlag[4]);
-    case 41: return static_cast<int>(P_iFrameFlag[5]);
-    default: return -1;
+    case MODE_MPEG4:
+        return static_cast<int>(P_iFrameFlag[2]);
+    case 21:
+        return static_cast<int>(P_iFrameFlag[0]);
+    case 22:
+        return static_cast<int>(P_iFrameFlag[3]);
+    case 31:
+        return static_cast<int>(P_iFrameFlag[1]);
+    case 32:
+        return static_cast<int>(P_iFrameFlag[4]);
+    case 41:
+        return static_cast<int>(P_iFrameFlag[5]);
+    default:
+        return -1;
     }
 }
 
