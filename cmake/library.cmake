@@ -17,6 +17,7 @@ set(QUORLIN_SOURCES
   converter/Quorlin_file.cpp
   converter/Quorlin_window.cpp
   converter/Quorlin_thread.cpp
+  converter/Quorlin_changefile.cpp
   converter/Quorlin_entry.cpp
   converter/Quorlin_stream.cpp)
 
