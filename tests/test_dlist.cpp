@@ -48,16 +48,18 @@ TEST(DList, RandomOperationsMatchAModel)
             break;
         default:
             if (!node) break;
-            if (random() % 2)
+            if (random() % 2) {
                 ASSERT_EQ(adt_dlist_delete(list, node), 1);
-            else {
+            } else {
                 DListNode* next = adt_dlist_next(node);
                 ASSERT_EQ(adt_dlist_delete_ex(list, node), next);
             }
             model.erase(model.begin() + long(place));
         }
         value = 0xDEAD; // the node holds a copy
-        if (made) ASSERT_EQ(value_of(made), i);
+        if (made) {
+            ASSERT_EQ(value_of(made), i);
+        }
         expect_same(list, model);
     }
     EXPECT_EQ(adt_dlist_destroy(list), 1);
@@ -73,7 +75,9 @@ TEST(DList, PositionIsIgnoredInAnEmptyList)
     EXPECT_EQ(adt_dlist_end(list), node);
     EXPECT_EQ(adt_dlist_delete_ex(list, node), nullptr);
     EXPECT_EQ(adt_dlist_empty(list), 1);
-    EXPECT_EQ(adt_dlist_insert(list, &stranger, abc), adt_dlist_head(list));
+    node = adt_dlist_insert(list, &stranger, abc);
+    EXPECT_EQ(adt_dlist_head(list), node);
+    EXPECT_EQ(adt_dlist_size(list), 1u);
     EXPECT_EQ(adt_dlist_destroy(list), 1);
 }
 
