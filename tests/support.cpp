@@ -28,6 +28,8 @@ TempDir::~TempDir()
 
 void write_file(const std::string& path, const Bytes& bytes)
 {
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored); // emptying a file instead can make the file system wait for its disk
     std::ofstream out(path, std::ios::binary);
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     ASSERT_TRUE(out.flush()) << path;
