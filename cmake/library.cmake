@@ -15,6 +15,7 @@ set(QUORLIN_SOURCES
   converter/ADTSFrame.cpp
   converter/CLS_SingleAviIndex.cpp
   converter/Quorlin_job.cpp
+  converter/Quorlin_output.cpp
   converter/Quorlin_avi.cpp
   converter/Quorlin_index.cpp
   converter/Quorlin_decrypt.cpp

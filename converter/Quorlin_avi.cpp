@@ -31,16 +31,6 @@ static const WORD FORMAT_ALAW = 6;
 static const WORD FORMAT_MULAW = 7;
 static const WORD FORMAT_AAC = 0x00FF;
 
-int WriteTofile(UCHAR* _dataBuf, int _idataLen)
-{
-    FILE* file = g_tSdv2Avi.m_fsRec;
-    if (!file) return -1;
-
-    // A write that fails leaves its mark in the stream, which is asked when the recording is stopped.
-    if (_dataBuf && _idataLen > 0) fwrite(_dataBuf, 1, static_cast<size_t>(_idataLen), file);
-    return 0;
-}
-
 template <typename Record>
 static void write_record(Record& record)
 {

@@ -52,8 +52,11 @@ int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
     Fill fill = fill_window(window, sizeof(S_FileHeader));
     window.at = fill == Fill::enough ? sizeof(S_FileHeader) : window.held;
     const int32_t frames = static_cast<int32_t>(job.m_Header.FrameCount);
+    window.before_change = flush_gathered;
+    begin_gathering();
     for (int32_t i = 0; i < frames && record_next(window, fill); ++i) {
     }
+    end_gathering();
     if (StopRecord(1) != 0) return abandon(_cpoutpath, 2);
     return fill == Fill::no_memory ? abandon(_cpoutpath, 3) : 0;
 }

@@ -29,8 +29,8 @@ constexpr FOURCC fourcc(const char (&text)[5])
 const uint32_t FRAME_HEADER_SIZE = sizeof(S_FrameHeader);
 const uint32_t MAX_FILE_FRAME = 0x100000; // largest frame that a whole-file conversion takes
 
-// A conversion thread is joined exactly once: who comes second finds in here that it was waited for. The handle
-// in the job stays, and a later thread may get the same one.
+// A conversion thread is joined exactly once: who comes second finds in here that it was waited for. The
+// handle in the job stays, and a later thread may get the same one.
 struct WaitedThread
 {
     pthread_mutex_t lock;
@@ -38,6 +38,21 @@ struct WaitedThread
     bool done;
 };
 extern WaitedThread g_tWaited;
+
+// ---- output (Quorlin_output.cpp) ----
+
+// Between these two, WriteTofile() gathers: bytes handed to it stay where they are until flush_gathered().
+void begin_gathering();
+void end_gathering();
+void flush_gathered();
+
+// Where the next byte goes; -1 when that cannot be told.
+int64_t output_position();
+void seek_output(int64_t position);
+
+// Has any write to the open file failed?
+bool output_failed();
+void forget_output_failure();
 
 // ---- index (Quorlin_index.cpp) ----
 

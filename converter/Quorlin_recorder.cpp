@@ -45,6 +45,7 @@ static bool open_clean_file(TSdv2Avi& job, const char* path)
     if (!job.m_fsRec) return false;
 
     s_bLimitReached = false;
+    forget_output_failure();
     job.m_iTotalFrames = 0;
     job.m_iAudioFrames = 0;
     job.m_iMaxFrameLen = 0;
@@ -102,7 +103,7 @@ static void lay_out(TSdv2Avi& job)
     const AVI_MediaType type = media_type(job);
     AVI_init(type);
     const int skip = AVI_MoviSkipLen(type);
-    fseeko(job.m_fsRec, skip + static_cast<int>(sizeof(AVI_MoviHeader)), SEEK_SET);
+    seek_output(skip + static_cast<int>(sizeof(AVI_MoviHeader)));
     job.m_iMoviBeginPos = skip + static_cast<int>(sizeof(AVI_FrameHeader));
 }
 
@@ -116,7 +117,7 @@ static bool fits(const TSdv2Avi& job, uint32_t len)
 
     const int64_t chunk = int64_t{sizeof(AVI_FrameHeader)} + len + (len & 1);
     const int64_t index = int64_t{sizeof(AVI_IndexHeader)} + (int64_t{job.m_iTotalFrames} + 1) * ENTRY_SIZE;
-    return ftello(job.m_fsRec) + chunk + index + late_audio_room() < FILE_LIMIT;
+    return output_position() + chunk + index + late_audio_room() < FILE_LIMIT;
 }
 
 static bool write_chunk(TSdv2Avi& job, AVI_FrameHeader& header, unsigned char* data, uint32_t len, int kind)
@@ -228,7 +229,7 @@ int RecordAvi(unsigned char* _ucData, int _iLength)
 
 int recording_trouble()
 {
-    if (g_tSdv2Avi.m_fsRec && ferror(g_tSdv2Avi.m_fsRec)) return 1;
+    if (output_failed()) return 1;
     return s_bLimitReached ? 2 : 0;
 }
 
@@ -290,6 +291,7 @@ int StopRecord(int)
     if (fclose(job.m_fsRec) != 0 || trouble == 1) result = 1;
     job.m_fsRec = nullptr;
     s_bLimitReached = false;
+    forget_output_failure();
     return result == 0 ? trouble : 1;
 }
 

@@ -153,7 +153,12 @@ static Outcome search_and_convert(const InputFile& input)
     ReadWindow window(input);
     if (!open_window(window)) return NO_MEMORY_AT_SEARCH;
     if (!seek_frame(window, KEY_FRAME)) return NO_KEY_FRAME;
-    return convert_frames(window);
+
+    window.before_change = flush_gathered;
+    begin_gathering();
+    const Outcome outcome = convert_frames(window);
+    end_gathering();
+    return outcome;
 }
 
 static Outcome convert(TSdv2Avi& job)

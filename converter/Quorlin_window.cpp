@@ -47,6 +47,7 @@ static bool make_room(ReadWindow& window, size_t wanted)
 Fill fill_window(ReadWindow& window, size_t wanted)
 {
     if (window.held - window.at >= wanted) return Fill::enough;
+    if (window.before_change) window.before_change();
     if (!make_room(window, wanted)) return Fill::no_memory;
 
     window.held += read_input(window.input, window.bytes + window.held, window.capacity - window.held);

@@ -11,6 +11,8 @@ struct ReadWindow
     size_t capacity = 0;
     size_t at = 0;   // where we are
     size_t held = 0; // bytes [at, held) are still to be used
+    // Told before bytes in the window move or give way to others.
+    void (*before_change)() = nullptr;
 
     explicit ReadWindow(const InputFile& from) : input(from) {}
     ReadWindow(const ReadWindow&) = delete;

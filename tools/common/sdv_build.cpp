@@ -27,7 +27,7 @@ size_t slot_size(const FrameFields& fields)
     return fields.audioAfter.empty() ? 0 : fields.audioAfter.front().size();
 }
 
-void append_slots(Bytes& to, const std::vector<Bytes>& slots, size_t size)
+void append_slots(Bytes& to, const std::vector<Bytes>& slots, [[maybe_unused]] size_t size)
 {
     assert(slots.size() <= 255 && size <= 0xFFFF);
     for (const Bytes& slot : slots) {
