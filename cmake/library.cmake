@@ -1,9 +1,15 @@
 # libquorlin.so: C++ without the C++ library. The C compiler links it, so that nothing but libc can come in.
 set(QUORLIN_SOURCES
   util/platform.cpp
+  util/common_fun_text.cpp
+  util/common_fun_address.cpp
+  util/common_fun_number.cpp
+  util/common_fun_time.cpp
   os/libos_log.cpp
   os/libos_thread.cpp
   os/libos_dlist.cpp
+  os/libos_ringbuf.cpp
+  os/libos_text.cpp
   converter/CommonFun.cpp
   converter/AES.cpp
   converter/ADTSFrame.cpp

@@ -1,5 +1,6 @@
 /*
- * libos.h: the operating-system layer. Mutexes, threads and sleep; logging; lists.
+ * libos.h: the operating-system layer. Mutexes, threads and sleep; logging; lists;
+ * ring buffer; hex text and character sets.
  *
  * Results. Operations return 1 for success and 0 for failure, creators a pointer or NULL, unless an entry
  * below says otherwise. Every failure that an entry calls "reported" is written as one line to standard
@@ -237,6 +238,143 @@ LIBOS_API int adt_darray_delete(DArray* darray, uint32 index);
 LIBOS_API void* adt_darray_get_by_index(DArray* darray, uint32 index);
 LIBOS_API int adt_darray_length(DArray* darray);
 LIBOS_API int adt_darray_destroy(DArray* darray);
+
+/* ---------------------------------------------------------------------------------------------------------
+ * Ring buffer
+ *
+ * A stream of bytes between threads through a buffer of fixed size, all of which can be filled. A writer that
+ * finds too little room either waits for readers (RINGBUF_WRITE_BLOCK) or runs over the oldest bytes, so that
+ * the buffer holds the newest (RINGBUF_WRITE_COVER). Readers never wait.
+ *
+ * Any thread may call; each operation but ringbuf_destroy() and ringbuf_get_index() takes the buffer's own
+ * lock, which is recursive. A size of 0 or less is looked at first: writing, reading and copying return it
+ * and do nothing. A NULL buffer is reported with "ptbuf is null" unless an entry says otherwise.
+ */
+enum
+{
+    RINGBUF_WRITE_BLOCK = 0,
+    RINGBUF_WRITE_COVER = 1
+};
+
+/*
+ * readpos and writepos count the bytes taken and stored since both were last 0; the byte number p lies at
+ * buf[p % bufsize]. They start again at 0 when an operation finds the buffer empty, and are both brought
+ * down by a multiple of bufsize when a write finds writepos above 536870911.
+ */
+typedef struct RingBuf
+{
+    LMutex mutex;
+    int32 type;
+    int32 bufsize;
+    uint32 readpos;
+    uint32 writepos;
+    uint8 buf[1]; /* bufsize bytes */
+} RingBuf;
+
+/**
+ * A new, empty buffer of bufsize bytes, to be released with ringbuf_destroy().
+ *
+ * @param type RINGBUF_WRITE_BLOCK or RINGBUF_WRITE_COVER
+ * @return NULL, reported, when bufsize is 0 or less ("bufsize<=0"), for another type ("unkonw ringbug write
+ *         type"), without memory ("NULL == ptBuf") or without a mutex ("os_mutex_init failed")
+ */
+LIBOS_API RingBuf* ringbuf_create(int32 bufsize, int type);
+
+/** Release the buffer, which no thread uses any more. NULL is ignored. */
+LIBOS_API void ringbuf_destroy(RingBuf* ptbuf);
+
+/** Bytes stored; negative after more was removed than was stored. 0 for NULL, which is not reported. */
+LIBOS_API int32 ringbuf_datasize(RingBuf* ptbuf);
+
+/** Bytes that can be written at once: bufsize less ringbuf_datasize(). 0 for NULL, which is not reported. */
+LIBOS_API int32 ringbuf_capacity(RingBuf* ptbuf);
+
+/**
+ * Store size bytes. A blocking write stores what fits and waits for room for the rest, without a limit in
+ * time; it releases the lock meanwhile, so the pieces of several such writers may mix. A read, remove or
+ * clear wakes it at once. A covering write of bufsize bytes or more leaves the last bufsize of them.
+ *
+ * @return bufsize (not size) when all is stored; -1 for a NULL buffer, a NULL src ("src is null") or a
+ *         buffer whose bufsize is not positive, which is not reported
+ */
+LIBOS_API int32 ringbuf_write(int32 size, const void* src, RingBuf* ptbuf);
+
+/**
+ * Move up to size of the oldest bytes to dst.
+ *
+ * @return bytes moved, 0 when there are none; -1 as ringbuf_write() gives it ("dst is null")
+ */
+LIBOS_API int32 ringbuf_read(int32 size, void* dst, RingBuf* ptbuf);
+
+/** As ringbuf_read(), but the bytes stay in the buffer, and a NULL buffer is not reported. */
+LIBOS_API int32 ringbuf_copy(int32 size, void* dst, RingBuf* ptbuf);
+
+/**
+ * Drop the size oldest bytes. The amount is not compared with what is stored: after too much the buffer
+ * counts as empty, and the next read or write starts it afresh. 0 or less changes nothing.
+ *
+ * @return 0, or -1 for a NULL buffer
+ */
+LIBOS_API int32 ringbuf_remove(int32 size, RingBuf* ptbuf);
+
+/** Drop everything. Returns 0, or -1 for a NULL buffer. */
+LIBOS_API int32 ringbuf_clear(RingBuf* ptbuf);
+
+/**
+ * Where the oldest byte lies, to read in place: the stored bytes follow one another up to the end of buf at
+ * most and go on at its start. ringbuf_remove() consumes them. The lock is not held on return, so a covering
+ * writer may overwrite them meanwhile. NULL for a NULL buffer or one whose bufsize is not positive.
+ */
+LIBOS_API void* ringbuf_getdata(RingBuf* ptbuf);
+
+/**
+ * The counts readpos and writepos, each where its pointer is not NULL. No lock is taken, so they may be of
+ * different moments. Nothing for a NULL buffer, which is not reported.
+ */
+LIBOS_API void ringbuf_get_index(RingBuf* ptbuf, int32* iread, int32* iwrite);
+
+/* ---------------------------------------------------------------------------------------------------------
+ * Hex text, character sets, custom functions
+ *
+ * Any thread may call; nothing is kept but gpiCustomFunc.
+ */
+
+/**
+ * Write in_num bytes as hex text, two lower-case digits for each, and a terminating zero.
+ *
+ * @param out_buf 2 * in_num + 1 bytes; not in_buf. With in_num of 0 or less nothing is written.
+ * @return 1; 0 when a buffer is NULL, which is not reported
+ */
+LIBOS_API int os_encode(char* in_buf, int32 in_num, char* out_buf);
+
+/**
+ * Read in_num characters of hex text, upper or lower case, as in_num / 2 bytes, without a terminator. An odd
+ * last character is ignored. A pair whose second character is no digit gives the first's value; one whose
+ * first is none repeats the byte before it (0 at the start).
+ *
+ * @param out_buf in_num / 2 bytes; may be in_buf
+ * @return 1; 0 when a buffer is NULL, which is not reported
+ */
+LIBOS_API int os_decode(char* in_buf, int32 in_num, char* out_buf);
+
+/**
+ * Convert srclen bytes between two character sets, named as iconv_open() takes them. No terminator is
+ * written: pass a save filled with zeros and a savelen at least 1 less than its size. After a failure save
+ * holds what was converted before it.
+ *
+ * @return length of the text in save, up to its first zero and at most savelen. A character that the input
+ *         breaks off in is dropped. Failures, all reported with an empty message and errno:
+ *         -1 srclen is 0 or less; -3 the input holds what the set named from (or to) does not have;
+ *         -5 save is too small; -6 anything else: a pair of sets that cannot be converted, a NULL argument
+ */
+LIBOS_API int32 os_code_convert(const char* from, const char* to, char* save, int32 savelen, char* src,
+                                int32 srclen);
+
+/* Values of optional features: 0 at first, filled in by the program before its threads read them. No lock. */
+extern LIBOS_API int32 gpiCustomFunc[1024];
+
+/** gpiCustomFunc[_iCustomFunc], and 0 outside 0 to 1023. */
+LIBOS_API int32 getcustomfunction(int _iCustomFunc);
 
 #ifdef __cplusplus
 }
