@@ -17,6 +17,7 @@ set(QUORLIN_SOURCES
   converter/ADTSFrame.cpp
   converter/CLS_SingleAviIndex.cpp
   converter/Quorlin_job.cpp
+  converter/Quorlin_output.cpp
   converter/Quorlin_avi.cpp
   converter/Quorlin_index.cpp
   converter/Quorlin_decrypt.cpp
@@ -25,6 +26,7 @@ set(QUORLIN_SOURCES
   converter/Quorlin_file.cpp
   converter/Quorlin_window.cpp
   converter/Quorlin_thread.cpp
+  converter/Quorlin_changefile.cpp
   converter/Quorlin_entry.cpp
   converter/Quorlin_stream.cpp)
 

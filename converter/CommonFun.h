@@ -16,12 +16,12 @@ extern "C" {
 /* File header, 88 bytes at offset 0. */
 typedef struct S_FileHeader
 {
-    uint16_t FrameRate;     /* frames per second, 0 to 30 */
-    uint16_t Width;         /* picture size in pixels */
+    uint16_t FrameRate; /* frames per second, 0 to 30 */
+    uint16_t Width;     /* picture size in pixels */
     uint16_t Height;
-    uint16_t Mode;          /* stream mode: 11, 21, 31, 32 or 41 in a file */
-    uint16_t bAudio;        /* not interpreted by the converter, like all fields up to reserved */
-    uint16_t Year;          /* recording start, local time */
+    uint16_t Mode;   /* stream mode: 11, 21, 31, 32 or 41 in a file */
+    uint16_t bAudio; /* not interpreted by the converter, like all fields up to reserved */
+    uint16_t Year;   /* recording start, local time */
     uint16_t Month;
     uint16_t Day;
     uint16_t Hour;
@@ -47,9 +47,9 @@ typedef struct S_FileHeader
  */
 typedef struct S_FrameHeader
 {
-    uint32_t u32FrameID;    /* frame-start flag of the stream's mode, see GetFrameFlagByMode() */
-    uint32_t u32FrameSize;  /* whole frame in bytes, this header included */
-    uint8_t u8FrameType;    /* 0 key frame, 1 predicted frame */
+    uint32_t u32FrameID;   /* frame-start flag of the stream's mode, see GetFrameFlagByMode() */
+    uint32_t u32FrameSize; /* whole frame in bytes, this header included */
+    uint8_t u8FrameType;   /* 0 key frame, 1 predicted frame */
     uint8_t padding1[3];
     uint32_t u32FrameNO;    /* frames numbered 0 are not converted; the cipher's counter value */
     uint32_t u32TimeStamp;  /* not interpreted by the converter */
@@ -58,7 +58,7 @@ typedef struct S_FrameHeader
     uint16_t u16AFrameSize; /* size of each audio frame in bytes */
     uint8_t u8ACoder;       /* 1 G.711 A-law, 2 G.711 mu-law, 22 AAC in ADTS frames */
     uint8_t padding2;
-    uint16_t reserved;      /* low two bits equal to 2: the first 64 payload bytes are enciphered */
+    uint16_t reserved; /* low two bits equal to 2: the first 64 payload bytes are enciphered */
 } S_FrameHeader;
 
 /** 1 when FrameRate is at most 30 and Mode is 11, 21, 31, 32 or 41; else 0, also for NULL. */

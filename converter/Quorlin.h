@@ -1,7 +1,8 @@
 /*
  * Quorlin.h: an SDV recording in, an AVI file out.
  *
- * One job exists per process: the exported record g_tSdv2Avi. Every call here works on it; none takes a handle.
+ * One job exists per process: the exported record g_tSdv2Avi. Every call here works on it; none takes a
+ * handle.
  *
  * A whole file, in one call:
  *
@@ -53,8 +54,8 @@ extern "C" {
  */
 typedef enum AVI_MediaType
 {
-    AVI_Video = 0,        /* video only */
-    AVI_Audio = 1,        /* audio only; the builders accept it, the recorder does not use it */
+    AVI_Video = 0, /* video only */
+    AVI_Audio = 1, /* audio only; the builders accept it, the recorder does not use it */
     AVI_VideoAndAudio = 2
 } AVI_MediaType;
 
@@ -200,37 +201,37 @@ typedef struct AVI_Header
  */
 typedef struct strSdv2Avi
 {
-    int32_t m_iIsSwitching;             /* 1 while a conversion thread is meant to run */
-    char m_szOutputPath[260];           /* zero-terminated */
+    int32_t m_iIsSwitching;   /* 1 while a conversion thread is meant to run */
+    char m_szOutputPath[260]; /* zero-terminated */
     char m_szInputPath[260];
-    int32_t m_iRecFileType;             /* 0 none, 1 AVI */
-    S_FileHeader m_Header;              /* of the recording; a streaming caller fills it in */
-    int32_t m_iPosition;                /* 0..99 percent; 100 finished; -1 input, -2 output, -3 memory,
-                                           -4 no key frame */
-    AVI_IndexBlock* m_IndexBlock;       /* block being filled */
-    pthread_t m_tChangeid;              /* the conversion thread, 0 when none was started */
-    FILE* m_fsRec;                      /* the AVI file while a recording is open */
+    int32_t m_iRecFileType;       /* 0 none, 1 AVI */
+    S_FileHeader m_Header;        /* of the recording; a streaming caller fills it in */
+    int32_t m_iPosition;          /* 0..99 percent; 100 finished; -1 input, -2 output, -3 memory,
+                                     -4 no key frame */
+    AVI_IndexBlock* m_IndexBlock; /* block being filled */
+    pthread_t m_tChangeid;        /* the conversion thread, 0 when none was started */
+    FILE* m_fsRec;                /* the AVI file while a recording is open */
     AVI_FrameHeader m_AudioFrameHeader;
     AVI_FrameHeader m_VideoFrameHeader;
-    int32_t m_iTotalFrames;             /* chunks written, video and audio */
-    int32_t m_iAudioFrames;             /* audio chunks written */
-    int32_t m_iMoviBeginPos;            /* file offset of the "movi" FourCC */
-    int32_t m_iMaxFrameLen;             /* largest video chunk */
-    int32_t m_iAviInitTimes;            /* 1 once the first frame has laid out the file */
-    BOOL m_bWriteHead;                  /* 1 once a frame was recorded */
+    int32_t m_iTotalFrames;  /* chunks written, video and audio */
+    int32_t m_iAudioFrames;  /* audio chunks written */
+    int32_t m_iMoviBeginPos; /* file offset of the "movi" FourCC */
+    int32_t m_iMaxFrameLen;  /* largest video chunk */
+    int32_t m_iAviInitTimes; /* 1 once the first frame has laid out the file */
+    BOOL m_bWriteHead;       /* 1 once a frame was recorded */
     int32_t m_iFrameCount;
-    int32_t m_iHaveAudio;               /* audio code of the stream: 1, 2 or 22; 0 for no audio */
-    int32_t m_iAviOffset;               /* of the next index entry; unsigned in the file */
-    DList* m_lstIndex;                  /* full index blocks, oldest first */
-    pthread_mutex_t m_LockAviFile;      /* serialises the streaming calls */
+    int32_t m_iHaveAudio;          /* audio code of the stream: 1, 2 or 22; 0 for no audio */
+    int32_t m_iAviOffset;          /* of the next index entry; unsigned in the file */
+    DList* m_lstIndex;             /* full index blocks, oldest first */
+    pthread_mutex_t m_LockAviFile; /* serialises the streaming calls */
     unsigned char* m_pStreamBuf;
-    int32_t m_iMaxBufSize;              /* capacity of m_pStreamBuf: 6291456 */
-    int32_t m_iStreamLen;               /* bytes held in m_pStreamBuf */
-    int32_t m_iDestType;                /* 1 when audio slots are split into ADTS frames */
+    int32_t m_iMaxBufSize; /* capacity of m_pStreamBuf: 6291456 */
+    int32_t m_iStreamLen;  /* bytes held in m_pStreamBuf */
+    int32_t m_iDestType;   /* 1 when audio slots are split into ADTS frames */
     BOOL m_bDecryptKeyReady;
     int32_t m_iDecryptKeyLen;
     uint8_t m_ucDecryptKey[64];
-    int32_t m_iAudioSampleRate;         /* Hz */
+    int32_t m_iAudioSampleRate; /* Hz */
     int32_t m_iAudioChannel;
 } TSdv2Avi;
 
@@ -242,8 +243,9 @@ extern QUORLIN_API TSdv2Avi g_tSdv2Avi;
  * the lists and the locks are made. Earlier ones are not released: each Initialize() is followed by one
  * QuorlinRelease() before the next.
  *
- * When the stream buffer cannot be had, "******************malloc failed********************" goes to standard
- * error, m_pStreamBuf is NULL and the streaming calls refuse what they are given; the rest of the job works.
+ * When the stream buffer cannot be had, "******************malloc failed********************" goes to
+ * standard error, m_pStreamBuf is NULL and the streaming calls refuse what they are given; the rest of the
+ * job works.
  *
  * @param _iAudioSampleRate Hz
  * @return 0
@@ -329,10 +331,10 @@ QUORLIN_API void WaitThreadTerminate(void);
 QUORLIN_API void errorprint(char* _string);
 
 /**
- * The conversion thread's body: m_szInputPath in, m_szOutputPath out, skipping damage. Outcomes in m_iPosition
- * and their texts: 100; -1 "140217====6666" input cannot be opened; -2 output cannot be started or written, or
- * would pass the size limit; -3 "140217====7777" or "140217====9999" no memory, before the first frame or
- * later; -4 "140217====8888" no key frame. A negative outcome leaves no output file.
+ * The conversion thread's body: m_szInputPath in, m_szOutputPath out, skipping damage. Outcomes in
+ * m_iPosition and their texts: 100; -1 "140217====6666" input cannot be opened; -2 output cannot be started
+ * or written, or would pass the size limit; -3 "140217====7777" or "140217====9999" no memory, before the
+ * first frame or later; -4 "140217====8888" no key frame. A negative outcome leaves no output file.
  *
  * @param threadp the address of g_tSdv2Avi
  * @return NULL
@@ -469,7 +471,8 @@ QUORLIN_API int AVI_VideoSetStrlHeader(AVI_StrlHeader* _strl);
 QUORLIN_API int AVI_AudioSetStrlHeader(AVI_StrlHeader* _strl);
 QUORLIN_API int AVI_VideoSetStrf(AVI_BitmapInfoHeader* _strf);
 
-/** AAC gets a two-byte AudioSpecificConfig (ISO/IEC 14496-3) for 48000, 32000, 16000 or else 8000 Hz, stereo. */
+/** AAC gets a two-byte AudioSpecificConfig (ISO/IEC 14496-3) for 48000, 32000, 16000 or else 8000 Hz, stereo.
+ */
 QUORLIN_API int AVI_AudioSetStrf(AVI_WaveFormatEx* _strf);
 QUORLIN_API int AVI_VideoSetStrfHeader(AVI_VideoStrfHeader* _strfHeader);
 QUORLIN_API int AVI_AudioSetStrfHeader(AVI_AudioStrfHeader* _strfHeader);
@@ -485,8 +488,8 @@ QUORLIN_API int AVI_WriteMoviHeader(int _iMoviSize, AVI_MediaType _types);
  *
  * @param _iDataLen   data bytes of the chunk
  * @param _iFrameType 0 video key frame, 1 other video frame, 5 audio
- * @return 0; -1 when the job holds no block or the kind is another one (nothing changes), or when the block is
- *         full and no further one is to be had (the entry is lost, the offset advances)
+ * @return 0; -1 when the job holds no block or the kind is another one (nothing changes), or when the block
+ * is full and no further one is to be had (the entry is lost, the offset advances)
  */
 QUORLIN_API int AVI_AddIndex(int _iDataLen, int _iFrameType);
 

@@ -1,0 +1,62 @@
+#include <string.h>
+
+#include "Quorlin_file.h"
+#include "Quorlin_internal.h"
+#include "Quorlin_window.h"
+
+// The older conversion: it believes the file header's frame count and every frame header.
+
+static bool record_next(ReadWindow& window, Fill& fill)
+{
+    fill = fill_window(window, FRAME_HEADER_SIZE);
+    if (fill != Fill::enough) return false;
+
+    S_FrameHeader header;
+    memcpy(&header, window.bytes + window.at, sizeof(header));
+    if (header.u32FrameSize < FRAME_HEADER_SIZE || header.u32FrameSize > MAX_FILE_FRAME) return false;
+
+    fill = fill_window(window, header.u32FrameSize);
+    if (fill != Fill::enough) return false;
+    RecordAvi(window.bytes + window.at, static_cast<int>(header.u32FrameSize));
+    window.at += header.u32FrameSize;
+    return recording_trouble() == 0;
+}
+
+static int abandon(const char* path, int result)
+{
+    remove_output(path);
+    return result;
+}
+
+int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
+{
+    static char s_szCannotRead[] = "Can't read the inputfile!";
+    static char s_szCannotRecord[] = "Record failed!\n";
+    TSdv2Avi& job = g_tSdv2Avi;
+
+    job.m_iRecFileType = 1;
+    InputFile input;
+    if (!open_input(input, _cpinputpath)) {
+        errorprint(s_szCannotRead);
+        return 1;
+    }
+    ReadWindow window(input);
+    if (!open_window(window)) return 3;
+
+    read_file_header(input, job.m_Header);
+    const bool same = _cpoutpath && is_same_file(_cpinputpath, _cpoutpath);
+    if (same || StartRecord(1, _cpoutpath, 1) < 0) {
+        errorprint(s_szCannotRecord);
+        return 2;
+    }
+    Fill fill = fill_window(window, sizeof(S_FileHeader));
+    window.at = fill == Fill::enough ? sizeof(S_FileHeader) : window.held;
+    const int32_t frames = static_cast<int32_t>(job.m_Header.FrameCount);
+    window.before_change = flush_gathered;
+    begin_gathering();
+    for (int32_t i = 0; i < frames && record_next(window, fill); ++i) {
+    }
+    end_gathering();
+    if (StopRecord(1) != 0) return abandon(_cpoutpath, 2);
+    return fill == Fill::no_memory ? abandon(_cpoutpath, 3) : 0;
+}

@@ -1,0 +1,91 @@
+// What the sources of the converter share beyond the public interface.
+#pragma once
+
+#include <stdint.h>
+
+#include <atomic>
+
+#include "Quorlin.h"
+#include "block_list.h"
+
+// Fields that other threads read while a conversion runs.
+inline void publish(int32_t& field, int32_t value)
+{
+    std::atomic_ref<int32_t>(field).store(value, std::memory_order_release);
+}
+
+inline int32_t observe(int32_t& field)
+{
+    return std::atomic_ref<int32_t>(field).load(std::memory_order_acquire);
+}
+
+constexpr FOURCC fourcc(const char (&text)[5])
+{
+    return static_cast<uint8_t>(text[0]) | static_cast<uint32_t>(static_cast<uint8_t>(text[1])) << 8 |
+           static_cast<uint32_t>(static_cast<uint8_t>(text[2])) << 16 |
+           static_cast<uint32_t>(static_cast<uint8_t>(text[3])) << 24;
+}
+
+const uint32_t FRAME_HEADER_SIZE = sizeof(S_FrameHeader);
+const uint32_t MAX_FILE_FRAME = 0x100000; // largest frame that a whole-file conversion takes
+
+// A conversion thread is joined exactly once: who comes second finds in here that it was waited for. The
+// handle in the job stays, and a later thread may get the same one.
+struct WaitedThread
+{
+    pthread_mutex_t lock;
+    pthread_t thread;
+    bool done;
+};
+extern WaitedThread g_tWaited;
+
+// ---- output (Quorlin_output.cpp) ----
+
+// Between these two, WriteTofile() gathers: bytes handed to it stay where they are until flush_gathered().
+void begin_gathering();
+void end_gathering();
+void flush_gathered();
+
+// Where the next byte goes; -1 when that cannot be told.
+int64_t output_position();
+void seek_output(int64_t position);
+
+// Has any write to the open file failed?
+bool output_failed();
+void forget_output_failure();
+
+// ---- index (Quorlin_index.cpp) ----
+
+// Give all blocks in m_lstIndex back to the pool.
+void return_queued_blocks();
+
+// Entries that the index really holds.
+int32_t held_entries();
+
+// An empty index for a new file: no entries left over, and a block to fill when one is to be had.
+void begin_index();
+
+// ---- headers (Quorlin_avi.cpp) ----
+
+// As AVI_WriteMoviHeader(), for movi lists of up to 4 GiB.
+int write_movi_header(uint32_t size, AVI_MediaType type);
+
+// ---- recorder (Quorlin_recorder.cpp) ----
+
+// 0 all is well; 1 something could not be written; 2 the file has reached its size limit.
+int recording_trouble();
+
+// ---- late audio (Quorlin_late_audio.cpp) ----
+
+enum class Moved
+{
+    whole,      // the file ends late_audio_room() bytes later
+    not_at_all, // it cannot grow, and stays as it was
+    torn        // reading or writing failed half-way
+};
+
+// Bytes by which the header area grows when an audio stream joins the video.
+int late_audio_room();
+
+// Move the chunks of a file that was laid out for video only, and ends at end, up by late_audio_room().
+Moved move_chunks_up(FILE* file, int64_t end);

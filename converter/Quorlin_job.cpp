@@ -1,0 +1,125 @@
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "Quorlin_internal.h"
+
+static const int32_t STREAM_BUFFER_SIZE = 6291456;
+
+TSdv2Avi g_tSdv2Avi;
+WaitedThread g_tWaited = {PTHREAD_MUTEX_INITIALIZER, {}, false};
+
+#if defined(__arm__)
+// The device's programs were built against exactly this record.
+static_assert(sizeof(pthread_mutex_t) == 24 && sizeof(TSdv2Avi) == 808);
+static_assert(offsetof(TSdv2Avi, m_szOutputPath) == 4 && offsetof(TSdv2Avi, m_szInputPath) == 264 &&
+              offsetof(TSdv2Avi, m_iRecFileType) == 524 && offsetof(TSdv2Avi, m_Header) == 528 &&
+              offsetof(TSdv2Avi, m_iPosition) == 616 && offsetof(TSdv2Avi, m_IndexBlock) == 620 &&
+              offsetof(TSdv2Avi, m_tChangeid) == 624 && offsetof(TSdv2Avi, m_fsRec) == 628);
+static_assert(offsetof(TSdv2Avi, m_AudioFrameHeader) == 632 &&
+              offsetof(TSdv2Avi, m_VideoFrameHeader) == 640 && offsetof(TSdv2Avi, m_iTotalFrames) == 648 &&
+              offsetof(TSdv2Avi, m_iAudioFrames) == 652 && offsetof(TSdv2Avi, m_iMoviBeginPos) == 656 &&
+              offsetof(TSdv2Avi, m_iMaxFrameLen) == 660 && offsetof(TSdv2Avi, m_iAviInitTimes) == 664 &&
+              offsetof(TSdv2Avi, m_bWriteHead) == 668 && offsetof(TSdv2Avi, m_iFrameCount) == 672 &&
+              offsetof(TSdv2Avi, m_iHaveAudio) == 676 && offsetof(TSdv2Avi, m_iAviOffset) == 680 &&
+              offsetof(TSdv2Avi, m_lstIndex) == 684);
+static_assert(offsetof(TSdv2Avi, m_LockAviFile) == 688 && offsetof(TSdv2Avi, m_pStreamBuf) == 712 &&
+              offsetof(TSdv2Avi, m_iMaxBufSize) == 716 && offsetof(TSdv2Avi, m_iStreamLen) == 720 &&
+              offsetof(TSdv2Avi, m_iDestType) == 724 && offsetof(TSdv2Avi, m_bDecryptKeyReady) == 728 &&
+              offsetof(TSdv2Avi, m_iDecryptKeyLen) == 732 && offsetof(TSdv2Avi, m_ucDecryptKey) == 736 &&
+              offsetof(TSdv2Avi, m_iAudioSampleRate) == 800 && offsetof(TSdv2Avi, m_iAudioChannel) == 804);
+static_assert(sizeof(ADTSFRAMEHEADER) == 72 && offsetof(ADTSFRAMEHEADER, aac_frame_lenght) == 48 &&
+              offsetof(ADTSFRAMEHEADER, Duration) == 68);
+static_assert(sizeof(STR_AES) == 516 && offsetof(STR_AES, e_key) == 4 && offsetof(STR_AES, d_key) == 260);
+static_assert(offsetof(AVI_IndexBlock, m_IndexBlock) == 4);
+#endif
+
+// The locks live from Initialize() to QuorlinRelease(); a second release must not destroy them again.
+static bool s_bLocksLive;
+
+static void allocate_stream_buffer(TSdv2Avi& job)
+{
+    job.m_iMaxBufSize = STREAM_BUFFER_SIZE;
+    job.m_pStreamBuf = static_cast<unsigned char*>(malloc(STREAM_BUFFER_SIZE));
+    if (!job.m_pStreamBuf) fputs("******************malloc failed********************", stderr);
+    job.m_iStreamLen = 0;
+}
+
+static void forget_thread(TSdv2Avi& job)
+{
+    PlainLock guard(g_tWaited.lock);
+    job.m_tChangeid = 0;
+    g_tWaited.done = false;
+}
+
+static void clear_recording(TSdv2Avi& job)
+{
+    publish(job.m_iIsSwitching, 0);
+    job.m_fsRec = nullptr;
+    job.m_AudioFrameHeader = {};
+    job.m_VideoFrameHeader = {};
+    job.m_Header = {};
+    memset(job.m_szOutputPath, 0, sizeof(job.m_szOutputPath));
+    memset(job.m_szInputPath, 0, sizeof(job.m_szInputPath));
+    job.m_iTotalFrames = 0;
+    job.m_iAudioFrames = 0;
+    job.m_iMoviBeginPos = 0;
+    job.m_iMaxFrameLen = 0;
+    job.m_iAviInitTimes = 0;
+    job.m_bWriteHead = 0;
+    job.m_iFrameCount = 0;
+    job.m_iRecFileType = 0;
+    job.m_iHaveAudio = 0;
+    job.m_iDestType = 0;
+    job.m_iAviOffset = 4;
+    forget_thread(job);
+    publish(job.m_iPosition, 0);
+}
+
+int Initialize(int _iAudioSampleRate)
+{
+    TSdv2Avi& job = g_tSdv2Avi;
+    allocate_stream_buffer(job);
+    job.m_iAudioSampleRate = _iAudioSampleRate;
+    job.m_iAudioChannel = 1;
+    clear_recording(job);
+
+    pthread_mutex_init(&job.m_LockAviFile, nullptr);
+    m_lstIndexPoll = adt_dlist_create(sizeof(void*));
+    job.m_lstIndex = adt_dlist_create(sizeof(void*));
+    SingleAviIndexInit();
+    s_bLocksLive = true;
+    if (!job.m_IndexBlock) job.m_IndexBlock = MallocIndexBlock();
+    return 0;
+}
+
+static void destroy_list(DList*& list)
+{
+    if (list) adt_dlist_destroy(list);
+    list = nullptr;
+}
+
+static void destroy_locks(TSdv2Avi& job)
+{
+    if (!s_bLocksLive) return;
+    pthread_mutex_destroy(&job.m_LockAviFile);
+    SingleAviIndexDestroy();
+    s_bLocksLive = false;
+}
+
+int QuorlinRelease(void)
+{
+    TSdv2Avi& job = g_tSdv2Avi;
+    return_queued_blocks();
+    Destroy();
+    if (job.m_fsRec) fclose(job.m_fsRec);
+    job.m_fsRec = nullptr;
+    free(job.m_pStreamBuf);
+    job.m_pStreamBuf = nullptr;
+    job.m_iStreamLen = 0;
+    destroy_list(job.m_lstIndex);
+    destroy_list(m_lstIndexPoll);
+    destroy_locks(job);
+    return 0;
+}

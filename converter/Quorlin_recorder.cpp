@@ -1,0 +1,301 @@
+#include <stdio.h>
+#include <string.h>
+
+#include "Quorlin_file.h"
+#include "Quorlin_internal.h"
+
+static const int CODE_ALAW = 1;
+static const int CODE_MULAW = 2;
+static const int CODE_AAC = 22;
+static const int KIND_AUDIO = 5;
+static const uint32_t G711_PREFIX = 4;
+static const uint32_t ADTS_HEADER = 7;
+static const uint32_t ENTRY_SIZE = sizeof(AVI_IndexEntity);
+
+// Offsets and sizes in the file are 32 bits wide; players want some air below 4 GiB.
+static const int64_t FILE_LIMIT = (int64_t{4} << 30) - (int64_t{64} << 10);
+
+// Set when a chunk did not fit the open file any more. Everything after it is left out.
+static bool s_bLimitReached;
+
+// A frame taken apart; every part lies inside it.
+struct FrameParts
+{
+    S_FrameHeader header;
+    unsigned char* before;
+    unsigned char* video;
+    unsigned char* after;
+    uint32_t slotsBefore;
+    uint32_t slotsAfter;
+};
+
+// ---- starting
+// -----------------------------------------------------------------------------------------------
+
+void Inner_InitializeRecord(const char* _cFileName)
+{
+    g_tSdv2Avi.m_fsRec = _cFileName ? open_output(_cFileName) : nullptr;
+}
+
+static bool open_clean_file(TSdv2Avi& job, const char* path)
+{
+    job.m_bWriteHead = 0;
+    job.m_iFrameCount = 0;
+    Inner_InitializeRecord(path);
+    if (!job.m_fsRec) return false;
+
+    s_bLimitReached = false;
+    forget_output_failure();
+    job.m_iTotalFrames = 0;
+    job.m_iAudioFrames = 0;
+    job.m_iMaxFrameLen = 0;
+    job.m_iMoviBeginPos = 0;
+    job.m_iAviOffset = 4;
+    begin_index();
+    return true;
+}
+
+int StartRecord(int, const char* _cFileName, int)
+{
+    TSdv2Avi& job = g_tSdv2Avi;
+    job.m_iAudioSampleRate = static_cast<int32_t>(job.m_Header.SamplesPerSec);
+    job.m_iAudioChannel = job.m_Header.AChannels;
+    if (!_cFileName) return -99;
+
+    const bool opened = !job.m_fsRec && open_clean_file(job, _cFileName);
+    job.m_iRecFileType = 1;
+    job.m_iAviInitTimes = 0;
+    return opened ? 0 : -9;
+}
+
+// ---- layout
+// -------------------------------------------------------------------------------------------------
+
+static AVI_MediaType media_type(const TSdv2Avi& job)
+{
+    return job.m_iHaveAudio != 0 ? AVI_VideoAndAudio : AVI_Video;
+}
+
+// Chunks begin where a header area without audio streams ends.
+static bool is_laid_out_for_video(const TSdv2Avi& job)
+{
+    return job.m_iMoviBeginPos == AVI_MoviSkipLen(AVI_Video) + static_cast<int>(sizeof(AVI_FrameHeader));
+}
+
+static void detect_audio(TSdv2Avi& job, int code)
+{
+    if (job.m_iHaveAudio != 0) return;
+    if (code != CODE_ALAW && code != CODE_MULAW && code != CODE_AAC) return;
+
+    job.m_iHaveAudio = code;
+    if (code == CODE_AAC) job.m_iDestType = 1;
+    if (job.m_iMoviBeginPos != 0) AVI_FrameHeaderInit(AVI_VideoAndAudio, nullptr, &job.m_AudioFrameHeader);
+}
+
+static void lay_out(TSdv2Avi& job)
+{
+    if (job.m_iAviInitTimes != 0 || !job.m_fsRec) return;
+
+    job.m_iAviInitTimes = 1;
+    // StartRecord() was called once more while frames were being recorded: they go on where the last ended.
+    if (job.m_bWriteHead) return;
+
+    const AVI_MediaType type = media_type(job);
+    AVI_init(type);
+    const int skip = AVI_MoviSkipLen(type);
+    seek_output(skip + static_cast<int>(sizeof(AVI_MoviHeader)));
+    job.m_iMoviBeginPos = skip + static_cast<int>(sizeof(AVI_FrameHeader));
+}
+
+// ---- chunks
+// -------------------------------------------------------------------------------------------------
+
+// Would the finished file, with this chunk and its index entry, stay below the limit?
+static bool fits(const TSdv2Avi& job, uint32_t len)
+{
+    if (!job.m_fsRec) return true;
+
+    const int64_t chunk = int64_t{sizeof(AVI_FrameHeader)} + len + (len & 1);
+    const int64_t index = int64_t{sizeof(AVI_IndexHeader)} + (int64_t{job.m_iTotalFrames} + 1) * ENTRY_SIZE;
+    return output_position() + chunk + index + late_audio_room() < FILE_LIMIT;
+}
+
+static bool write_chunk(TSdv2Avi& job, AVI_FrameHeader& header, unsigned char* data, uint32_t len, int kind)
+{
+    if (s_bLimitReached || !fits(job, len)) {
+        s_bLimitReached = true;
+        return false;
+    }
+    header.dwFrameSize = len;
+    WriteTofile(reinterpret_cast<UCHAR*>(&header), sizeof(header));
+    WriteTofile(data, static_cast<int>(len));
+    AVI_AddIndex(static_cast<int>(len), kind);
+    UCHAR pad = '0';
+    if (len & 1) WriteTofile(&pad, 1);
+    job.m_iTotalFrames += 1;
+    return true;
+}
+
+static void write_audio_chunk(TSdv2Avi& job, unsigned char* data, uint32_t len)
+{
+    if (write_chunk(job, job.m_AudioFrameHeader, data, len, KIND_AUDIO)) job.m_iAudioFrames += 1;
+}
+
+// One chunk for each ADTS frame in the slot. What remains behind the last whole one is padding.
+static void write_adts_frames(TSdv2Avi& job, unsigned char* slot, uint32_t size)
+{
+    while (size > ADTS_HEADER) {
+        InitHeader(slot);
+        const uint32_t len = static_cast<uint32_t>(GetHeader()->aac_frame_lenght);
+        if (len < ADTS_HEADER || len > size) return;
+        write_audio_chunk(job, slot + ADTS_HEADER, len - ADTS_HEADER);
+        slot += len;
+        size -= len;
+    }
+}
+
+static void write_slots(TSdv2Avi& job, unsigned char* slots, uint32_t count, uint32_t size)
+{
+    if (job.m_iHaveAudio == 0) return;
+
+    for (uint32_t i = 0; i < count; ++i) {
+        unsigned char* slot = slots + i * size;
+        if (!CheckAudio(job.m_iHaveAudio, slot, static_cast<int>(size))) continue;
+        if (job.m_iDestType != 1)
+            write_audio_chunk(job, slot + G711_PREFIX, size - G711_PREFIX);
+        else if (job.m_iHaveAudio == CODE_AAC)
+            write_adts_frames(job, slot, size);
+    }
+}
+
+static void write_video(TSdv2Avi& job, const FrameParts& frame)
+{
+    const uint32_t len = frame.header.u32VStreamLen;
+    const int kind = frame.header.u8FrameType == 0 ? 0 : 1;
+    if (!write_chunk(job, job.m_VideoFrameHeader, frame.video, len, kind)) return;
+    if (static_cast<int32_t>(len) > job.m_iMaxFrameLen) job.m_iMaxFrameLen = static_cast<int32_t>(len);
+}
+
+BOOL CheckAudio(int _iAudioType, LPBYTE _pEncAudioData, int _iLen)
+{
+    const uint32_t len = static_cast<uint32_t>(_iLen);
+    if (len <= 3 || !_pEncAudioData) return 0;
+    if (_iAudioType == CODE_AAC) return 1;
+    if (_iAudioType < 1 || _iAudioType > 3) return 0;
+    return _pEncAudioData[0] == 0 && _pEncAudioData[1] == 1 && _pEncAudioData[2] == (len - G711_PREFIX) / 2 &&
+           _pEncAudioData[3] == 0;
+}
+
+// ---- frames
+// -------------------------------------------------------------------------------------------------
+
+// false for a frame that is numbered 0, or whose parts do not lie within its length.
+static bool take_apart(unsigned char* data, int length, FrameParts& frame)
+{
+    if (!data || length < static_cast<int>(FRAME_HEADER_SIZE)) return false;
+
+    S_FrameHeader& header = frame.header;
+    memcpy(&header, data, sizeof(header));
+    frame.slotsBefore = header.u16AFrames >> 8;
+    frame.slotsAfter = header.u16AFrames & 0xFF;
+    const uint64_t slots = uint64_t{frame.slotsBefore + frame.slotsAfter} * header.u16AFrameSize;
+    if (header.u32FrameNO == 0 ||
+        FRAME_HEADER_SIZE + slots + header.u32VStreamLen > static_cast<uint64_t>(length))
+        return false;
+
+    frame.before = data + FRAME_HEADER_SIZE;
+    frame.video = frame.before + frame.slotsBefore * header.u16AFrameSize;
+    frame.after = frame.video + header.u32VStreamLen;
+    return true;
+}
+
+int RecordAvi(unsigned char* _ucData, int _iLength)
+{
+    TSdv2Avi& job = g_tSdv2Avi;
+    const int deciphered = CA_DecryptFrame(_ucData, _iLength, 0);
+    if (deciphered != 0 && deciphered != -3) return 0;
+
+    FrameParts frame;
+    if (!take_apart(_ucData, _iLength, frame)) return 0;
+
+    detect_audio(job, frame.header.u8ACoder);
+    lay_out(job);
+    write_slots(job, frame.before, frame.slotsBefore, frame.header.u16AFrameSize);
+    write_video(job, frame);
+    write_slots(job, frame.after, frame.slotsAfter, frame.header.u16AFrameSize);
+    job.m_bWriteHead = 1;
+    return 0;
+}
+
+int recording_trouble()
+{
+    if (output_failed()) return 1;
+    return s_bLimitReached ? 2 : 0;
+}
+
+// ---- finishing
+// ----------------------------------------------------------------------------------------------
+
+// Write everything that depends on the whole recording. end is where the chunks end.
+static int write_headers_and_index(TSdv2Avi& job, int64_t end)
+{
+    const int32_t entries = held_entries();
+    const int64_t index = int64_t{entries} * ENTRY_SIZE;
+    // A file without entries gets no idx1 header either, and its bare header area counts as empty.
+    const int64_t riff =
+        entries > 0 || end <= 0 ? end + index : end - static_cast<int64_t>(sizeof(AVI_FrameHeader));
+    const AVI_Header summary = {job.m_Header.Width, job.m_Header.Height,
+                                job.m_iTotalFrames - job.m_iAudioFrames, static_cast<int32_t>(riff),
+                                job.m_iMaxFrameLen};
+    const AVI_MediaType type = media_type(job);
+
+    int failed = AVI_WriteFileHeader(summary, type);
+    const int64_t movi = end - job.m_iMoviBeginPos;
+    if (movi > 0) failed |= write_movi_header(static_cast<uint32_t>(movi), type);
+    return failed | AVI_CreateAVIIndex(entries, type);
+}
+
+// A file that cannot grow by the audio stream's headers is finished without them.
+static int finish_without_audio(TSdv2Avi& job, int64_t end)
+{
+    const int32_t code = job.m_iHaveAudio;
+    job.m_iHaveAudio = 0;
+    write_headers_and_index(job, end);
+    job.m_iHaveAudio = code;
+    return 1;
+}
+
+static int finish_file(TSdv2Avi& job)
+{
+    int64_t end = ftello(job.m_fsRec);
+    if (end < 0) puts("ftell has error");
+    if (end < 0 || job.m_iHaveAudio == 0 || !is_laid_out_for_video(job))
+        return write_headers_and_index(job, end);
+
+    const Moved moved = move_chunks_up(job.m_fsRec, end);
+    if (moved == Moved::not_at_all) return finish_without_audio(job, end);
+
+    job.m_iMoviBeginPos += late_audio_room();
+    end += late_audio_room();
+    const int failed = write_headers_and_index(job, end);
+    return moved == Moved::torn ? 1 : failed;
+}
+
+int StopRecord(int)
+{
+    TSdv2Avi& job = g_tSdv2Avi;
+    if (!job.m_fsRec) return 0;
+
+    int result = job.m_iRecFileType == 1 ? finish_file(job) : 0;
+    const int trouble = recording_trouble();
+    if (fclose(job.m_fsRec) != 0 || trouble == 1) result = 1;
+    job.m_fsRec = nullptr;
+    s_bLimitReached = false;
+    forget_output_failure();
+    return result == 0 ? trouble : 1;
+}
+
+int HVDecReset(void*, short)
+{
+    return 0;
+}

@@ -1,0 +1,70 @@
+#include <stdio.h>
+#include <string.h>
+
+#include "Quorlin_internal.h"
+
+static const int MODE_MPEG4 = 11;
+static const uint32_t MPEG4_FLAG_MASK = 0x00FCFFFF;
+
+// Size of the frame that begins at at; 0 when none does.
+static uint32_t frame_size_at(LPBYTE at, int mode)
+{
+    uint32_t flag;
+    memcpy(&flag, at, sizeof(flag));
+    if (mode == MODE_MPEG4) flag &= MPEG4_FLAG_MASK;
+    if (flag != static_cast<uint32_t>(GetFrameFlagByMode(mode))) return 0;
+    if (!IsValidFrameHeader(at, mode)) return 0;
+
+    // In mode 11 nothing else holds the size above that of a header.
+    const uint32_t size = static_cast<uint32_t>(GetFrameSize(at, mode));
+    return size < FRAME_HEADER_SIZE ? 0 : size;
+}
+
+static void keep_rest(TSdv2Avi& job, int32_t from)
+{
+    job.m_iStreamLen -= from;
+    if (from > 0) memmove(job.m_pStreamBuf, job.m_pStreamBuf + from, static_cast<size_t>(job.m_iStreamLen));
+}
+
+int SearchAndRecordFrame(void)
+{
+    TSdv2Avi& job = g_tSdv2Avi;
+    if (!job.m_pStreamBuf) return 0;
+
+    const int mode = job.m_Header.Mode;
+    int result = 0;
+    int32_t p = 0;
+    while (job.m_iStreamLen - p >= static_cast<int32_t>(FRAME_HEADER_SIZE)) {
+        const uint32_t size = frame_size_at(job.m_pStreamBuf + p, mode);
+        if (size == 0) {
+            p += 1;
+            continue;
+        }
+        if (size > static_cast<uint32_t>(job.m_iStreamLen - p)) break;
+        if (job.m_fsRec) result = RecordAvi(job.m_pStreamBuf + p, static_cast<int>(size));
+        p += static_cast<int32_t>(size);
+    }
+    keep_rest(job, p);
+    return result;
+}
+
+int RecordAviEx(unsigned char* _ucData, int _iLength)
+{
+    TSdv2Avi& job = g_tSdv2Avi;
+    if (!job.m_pStreamBuf || _iLength < 0 || (!_ucData && _iLength > 0)) return -1;
+
+    PlainLock guard(job.m_LockAviFile);
+    if (_iLength > job.m_iMaxBufSize - job.m_iStreamLen) {
+        fputs("-------buffer is not large enough-------", stderr);
+        return -1;
+    }
+    if (_iLength > 0) memcpy(job.m_pStreamBuf + job.m_iStreamLen, _ucData, static_cast<size_t>(_iLength));
+    job.m_iStreamLen += _iLength;
+    return SearchAndRecordFrame();
+}
+
+int StopRecordEx(int _iDDrawIndex)
+{
+    PlainLock guard(g_tSdv2Avi.m_LockAviFile);
+    return StopRecord(_iDDrawIndex);
+}

@@ -1,0 +1,69 @@
+#include "Quorlin_window.h"
+
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "Quorlin_internal.h"
+
+static const size_t WINDOW_SIZE = 524288;
+
+ReadWindow::~ReadWindow()
+{
+    free(bytes);
+}
+
+bool open_window(ReadWindow& window)
+{
+    window.bytes = static_cast<unsigned char*>(malloc(WINDOW_SIZE));
+    window.capacity = window.bytes ? WINDOW_SIZE : 0;
+    return window.bytes;
+}
+
+static bool make_room(ReadWindow& window, size_t wanted)
+{
+    if (window.capacity - window.at >= wanted) return true;
+
+    const size_t rest = window.held - window.at;
+    unsigned char* to = window.bytes;
+    const size_t larger = std::max(wanted, 2 * WINDOW_SIZE);
+    if (wanted > window.capacity) {
+        to = static_cast<unsigned char*>(malloc(larger));
+        if (!to) return false;
+    }
+    memmove(to, window.bytes + window.at, rest);
+    if (to != window.bytes) {
+        free(window.bytes);
+        window.bytes = to;
+        window.capacity = larger;
+    }
+    window.at = 0;
+    window.held = rest;
+    return true;
+}
+
+Fill fill_window(ReadWindow& window, size_t wanted)
+{
+    if (window.held - window.at >= wanted) return Fill::enough;
+    if (window.before_change) window.before_change();
+    if (!make_room(window, wanted)) return Fill::no_memory;
+
+    window.held += read_input(window.input, window.bytes + window.held, window.capacity - window.held);
+    return window.held - window.at >= wanted ? Fill::enough : Fill::end_of_input;
+}
+
+bool seek_frame(ReadWindow& window, int kind)
+{
+    while (fill_window(window, FRAME_HEADER_SIZE) == Fill::enough) {
+        int found;
+        const size_t len = window.held - window.at;
+        if (FindFrame(window.bytes + window.at, static_cast<int>(len), &found, kind)) {
+            window.at += static_cast<size_t>(found);
+            return true;
+        }
+        window.at = window.held - (FRAME_HEADER_SIZE - 1);
+    }
+    return false;
+}

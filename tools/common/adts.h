@@ -1,0 +1,40 @@
+// AAC audio in ADTS frames, cut into its frames.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace adts {
+
+const uint32_t SAMPLES_PER_FRAME = 1024;
+
+struct Header
+{
+    uint32_t sampleRate; // Hz
+    uint32_t channels;   // 0: told inside the stream
+    bool crc;            // two more header bytes follow the seven
+    size_t length;       // whole frame in bytes, header included
+};
+
+struct Frame
+{
+    size_t offset;
+    Header header;
+};
+
+struct Split
+{
+    std::vector<Frame> frames;
+    size_t skipped = 0; // bytes that belong to no frame
+};
+
+// The header at the start of `bytes`. False when there is none, or one that cannot be: another layer, no
+// known sample rate, a length shorter than the header. The frame may be longer than `bytes`.
+bool read_header(std::span<const uint8_t> bytes, Header& header);
+
+// Whole frames only. Bytes between them, and a frame torn at the end, are skipped and counted.
+Split split(std::span<const uint8_t> stream);
+
+} // namespace adts

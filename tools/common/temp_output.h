@@ -1,0 +1,29 @@
+// An output file that appears under its name only when it is complete. Until then it lies beside it under a
+// temporary name, which goes away with the record, and on SIGINT, SIGTERM and SIGHUP.
+#pragma once
+
+#include <string>
+
+namespace tools {
+
+struct TempOutput
+{
+    std::string target; // the name asked for; where it is a symbolic link, what it points to
+    std::string path;   // the temporary name; empty when there is none
+
+    TempOutput() = default;
+    ~TempOutput();
+    TempOutput(const TempOutput&) = delete;
+    TempOutput& operator=(const TempOutput&) = delete;
+};
+
+// Create an empty file beside `target`, with the rights that the umask leaves. One such file at a time: from
+// here on a signal to end removes it and ends the process with 128 + its number. False, and the reason in
+// `why`, also when `target` is something that must not be replaced.
+bool create_temp(TempOutput& output, const std::string& target, std::string& why);
+
+// Put the file in its place, on the disk first. False, and the reason in `why`; an older file is then
+// unharmed.
+bool commit_temp(TempOutput& output, std::string& why);
+
+} // namespace tools
