@@ -5,9 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// Small, so that large payloads pass it by: they are written from where they lie.
-static const size_t OUTPUT_BUFFER = 4096;
-
 InputFile::~InputFile()
 {
     if (fd != -1) close(fd);
@@ -68,7 +65,6 @@ FILE* open_output(const char* path)
         fclose(file);
         return nullptr;
     }
-    setvbuf(file, nullptr, _IOFBF, OUTPUT_BUFFER);
     return file;
 }
 

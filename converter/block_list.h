@@ -45,7 +45,7 @@ inline AVI_IndexBlock* take_first_block(DList* list)
 
     DListNode* node = adt_dlist_head(list);
     AVI_IndexBlock* block;
-    memcpy(&block, adt_dlist_getdata(node), sizeof(block));
+    memcpy(&block, adt_dlist_getdata(node), sizeof(void*));
     adt_dlist_delete(list, node);
     return block;
 }

@@ -31,7 +31,7 @@ FAILURES = [
     ("wrong key", ["secret.sdv", "-o", "out.avi", "--key", OTHER_KEY], "key is wrong"),
     ("no key", ["secret.sdv", "-o", "out.avi"], "needs a key"),
     ("key that is no hex text", ["secret.sdv", "-o", "out.avi", "--key", "xyz"], ""),
-    ("missing key file", ["secret.sdv", "-o", "out.avi", "--key-file", "nokey"], "nokey"),
+    ("missing key file", ["secret.sdv", "-o", "out.avi", "--key-file", "nokey"], "cannot open the key file"),
     ("missing output directory", ["plain.sdv", "-o", "no/out.avi"], "No such file"),
     ("output in a file", ["plain.sdv", "-o", "empty.sdv/out.avi"], "Not a directory"),
     ("output is a directory", ["plain.sdv", "-o", "dir"], "is a directory"),
@@ -45,7 +45,7 @@ FAILURES = [
 
 
 def prepare(work, sdvmake, data):
-    video = ["--video", str(data / "clip.h264"), "--audio", str(data / "tone.ulaw")]
+    video = [str(data / "clip.h264"), "--audio", str(data / "tone.ulaw"), "--audio-code", "mulaw"]
     subprocess.run([sdvmake, *video, "-o", work / "plain.sdv"], check=True, capture_output=True)
     subprocess.run([sdvmake, *video, "--key", KEY, "-o", work / "secret.sdv"], check=True, capture_output=True)
     plain = (work / "plain.sdv").read_bytes()

@@ -12,10 +12,10 @@ from pathlib import Path
 KEY = "00112233445566778899aabbccddeeff"
 AUDIO = {
     "video only": None,
-    "A-law": "tone.alaw",
-    "mu-law": "tone.ulaw",
-    "AAC 16000 Hz": "tone16k.aac",
-    "AAC 48000 Hz": "tone48k.aac",
+    "A-law": ("tone.alaw", "alaw"),
+    "mu-law": ("tone.ulaw", "mulaw"),
+    "AAC 16000 Hz": ("tone16k.aac", "aac"),
+    "AAC 48000 Hz": ("tone48k.aac", "aac"),
 }
 
 
@@ -81,7 +81,7 @@ def check_video(avi, video, work):
     expect("video demuxed by GStreamer", demuxed.read_bytes(), video)
 
 
-def check_audio(avi, audio, work):
+def check_audio(avi, audio):
     """The number of audio chunks that must be there."""
     data = audio.read_bytes()
     if audio.suffix != ".aac":
@@ -95,14 +95,14 @@ def check_audio(avi, audio, work):
 def check_case(tools, data, audio, key, work):
     recording, avi, video = work / "case.sdv", work / "case.avi", data / "clip.h264"
     keys = ["--key", KEY] if key else []
-    sound = ["--audio", data / audio] if audio else []
-    run(tools[0], "--video", video, *sound, *keys, "-o", recording)
+    sound = ["--audio", data / audio[0], "--audio-code", audio[1]] if audio else []
+    run(tools[0], video, *sound, *keys, "-o", recording)
     run(tools[1], recording, "-o", avi, *keys)
     run(tools[2], avi)
 
     ffmpeg(avi, "-f", "null")
     check_video(avi, video.read_bytes(), work)
-    wanted = [100] + ([check_audio(avi, data / audio, work)] if audio else [])
+    wanted = [100] + ([check_audio(avi, data / audio[0])] if audio else [])
     for stream, positions in zip("va", index_positions(avi.read_bytes())):
         found = packets(avi, stream)
         expect(f"packets of stream {stream}", found, positions)

@@ -9,6 +9,18 @@ namespace {
 const uint32_t RATES[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                           22050, 16000, 12000, 11025, 8000,  7350};
 
+bool frame_at(std::span<const uint8_t> bytes, Header& header)
+{
+    return read_header(bytes, header) && header.length <= bytes.size();
+}
+
+// Twelve sync bits turn up in any data; what stands behind the frame tells whether it is one.
+bool is_confirmed(std::span<const uint8_t> bytes, const Header& header)
+{
+    Header next;
+    return header.length == bytes.size() || read_header(bytes.subspan(header.length), next);
+}
+
 } // namespace
 
 bool read_header(std::span<const uint8_t> bytes, Header& header)
@@ -29,15 +41,19 @@ bool read_header(std::span<const uint8_t> bytes, Header& header)
 Split split(std::span<const uint8_t> stream)
 {
     Split result;
+    bool inStep = false; // the byte before belongs to a frame
     size_t at = 0;
     while (at < stream.size()) {
+        const auto rest = stream.subspan(at);
         Header header;
-        if (read_header(stream.subspan(at), header) && header.length <= stream.size() - at) {
+        if (frame_at(rest, header) && (inStep || is_confirmed(rest, header))) {
             result.frames.push_back({at, header});
             at += header.length;
+            inStep = true;
         } else {
             ++result.skipped;
             ++at;
+            inStep = false;
         }
     }
     return result;

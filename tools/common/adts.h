@@ -34,7 +34,8 @@ struct Split
 // known sample rate, a length shorter than the header. The frame may be longer than `bytes`.
 bool read_header(std::span<const uint8_t> bytes, Header& header);
 
-// Whole frames only. Bytes between them, and a frame torn at the end, are skipped and counted.
+// Whole frames only. Bytes between them, and a frame torn at the end, are skipped and counted. Behind skipped
+// bytes a frame counts only when another header or the end of the stream follows it.
 Split split(std::span<const uint8_t> stream);
 
 } // namespace adts

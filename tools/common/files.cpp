@@ -1,0 +1,79 @@
+#include "files.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace tools {
+
+bool read_file(const std::string& path, std::vector<uint8_t>& bytes, std::string& why)
+{
+    FILE* file = fopen(path.c_str(), "rb");
+    if (!file) {
+        why = "cannot open " + path + ": " + strerror(errno);
+        return false;
+    }
+
+    const size_t BLOCK = 1 << 20;
+    size_t held = 0;
+    size_t got = 0;
+    do {
+        bytes.resize(held + BLOCK);
+        got = fread(bytes.data() + held, 1, BLOCK, file);
+        held += got;
+    } while (got == BLOCK);
+    bytes.resize(held);
+
+    const bool good = !ferror(file);
+    if (!good) why = "cannot read " + path + ": " + strerror(errno);
+    fclose(file);
+    return good;
+}
+
+bool same_file(const std::string& a, const std::string& b)
+{
+    struct stat statA, statB;
+    if (stat(a.c_str(), &statA) != 0 || stat(b.c_str(), &statB) != 0) return false;
+    return statA.st_dev == statB.st_dev && statA.st_ino == statB.st_ino;
+}
+
+OutputFile::OutputFile(const std::string& name) : path(name), file(fopen(name.c_str(), "wb")) {}
+
+OutputFile::~OutputFile()
+{
+    if (!file) return;
+    struct stat status;
+    const bool regular = fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
+    fclose(file);
+    if (regular) unlink(path.c_str());
+}
+
+bool write_output(OutputFile& output, std::span<const uint8_t> bytes)
+{
+    return fwrite(bytes.data(), 1, bytes.size(), output.file) == bytes.size();
+}
+
+bool rewrite_start(OutputFile& output, std::span<const uint8_t> bytes)
+{
+    return fseeko(output.file, 0, SEEK_SET) == 0 && write_output(output, bytes);
+}
+
+bool cut_output(OutputFile& output, uint64_t size)
+{
+    return fflush(output.file) == 0 && ftruncate(fileno(output.file), static_cast<off_t>(size)) == 0;
+}
+
+bool finish_output(OutputFile& output)
+{
+    if (fflush(output.file) != 0) return false;
+
+    // A failing close still closes; the name is all that is left to be cleared away.
+    const bool closed = fclose(output.file) == 0;
+    output.file = nullptr;
+    if (!closed) unlink(output.path.c_str());
+    return closed;
+}
+
+} // namespace tools

@@ -1,0 +1,36 @@
+// Whole files in, one file out that is not left behind half written.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tools {
+
+// False and the reason in `why` when the file cannot be read to its end.
+bool read_file(const std::string& path, std::vector<uint8_t>& bytes, std::string& why);
+
+// Two names of one existing file?
+bool same_file(const std::string& a, const std::string& b);
+
+// An output file. Unless finish_output() succeeded, it is closed and removed when the record goes; only a
+// regular file is ever removed. The calls give false, and errno, on failure.
+struct OutputFile
+{
+    std::string path;
+    FILE* file = nullptr;
+
+    explicit OutputFile(const std::string& name);
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+};
+
+bool write_output(OutputFile& output, std::span<const uint8_t> bytes);
+bool rewrite_start(OutputFile& output, std::span<const uint8_t> bytes); // nothing is to be written after it
+bool cut_output(OutputFile& output, uint64_t size);
+bool finish_output(OutputFile& output);
+
+} // namespace tools
