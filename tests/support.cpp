@@ -1,12 +1,11 @@
 #include "support.h"
 
-#include <pthread.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <barrier>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -43,14 +42,14 @@ Bytes read_file(const std::string& path)
 
 uint64_t file_size(const std::string& path)
 {
-    struct stat status = {};
-    return stat(path.c_str(), &status) == 0 ? uint64_t(status.st_size) : 0;
+    std::error_code none;
+    const uintmax_t size = std::filesystem::file_size(path, none);
+    return none ? 0 : size;
 }
 
 bool exists(const std::string& path)
 {
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0;
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
 char* text(const std::string& path)
@@ -76,13 +75,6 @@ Bytes bytes_of(std::initializer_list<Word> list)
     for (const Word& word : list)
         for (size_t i = 0; i < word.size; ++i) bytes.push_back(uint8_t(word.value >> 8 * i));
     return bytes;
-}
-
-uint32_t number_at(const Bytes& bytes, size_t offset, size_t size)
-{
-    uint32_t value = 0;
-    for (size_t i = 0; i < size; ++i) value |= uint32_t(bytes.at(offset + i)) << 8 * i;
-    return value;
 }
 
 Bytes with(Bytes bytes, size_t offset, const Word& word)
@@ -174,16 +166,14 @@ int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work)
 
 void two_at_once(const std::function<void(int)>& work)
 {
-    pthread_barrier_t start;
-    pthread_barrier_init(&start, nullptr, 2);
+    std::barrier start(2);
     const auto body = [&](int who) {
-        pthread_barrier_wait(&start);
+        start.arrive_and_wait();
         work(who);
     };
     std::thread other(body, 1);
     body(0);
     other.join();
-    pthread_barrier_destroy(&start);
 }
 
 sdv::FrameFields picture(uint32_t number, size_t videoSize, uint8_t type)
@@ -224,11 +214,6 @@ Job::Job(const sdv::FileFields& header)
 Recording::Recording(const sdv::FileFields& header) : job(header)
 {
     EXPECT_EQ(StartRecord(0, path.c_str(), 1), 0);
-}
-
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome)
-{
-    return out << outcome.result << ", " << outcome.position << ", \"" << outcome.text << "\"";
 }
 
 Outcome convert(const std::string& in, const std::string& out)

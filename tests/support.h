@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -35,9 +36,9 @@ struct TempDir
 
 void write_file(const std::string& path, const Bytes& bytes);
 Bytes read_file(const std::string& path);
-uint64_t file_size(const std::string& path);
-bool exists(const std::string& path);
-char* text(const std::string& path); // for calls that take char* and only read
+uint64_t file_size(const std::string& path); // 0 for none
+bool exists(const std::string& path);        // also as a dangling link
+char* text(const std::string& path);         // for calls that take char* and only read
 
 // A FourCC, or a little-endian number.
 struct Word
@@ -56,7 +57,6 @@ Bytes words(const Words&... list)
 {
     return bytes_of({Word(list)...});
 }
-uint32_t number_at(const Bytes& bytes, size_t offset, size_t size = 4);
 Bytes with(Bytes bytes, size_t offset, const Word& word);
 Bytes part(const Bytes& bytes, size_t from, size_t to); // up to to, which may lie behind the end
 Bytes operator+(Bytes left, const Bytes& right);
@@ -100,15 +100,9 @@ struct Recording
     explicit Recording(const sdv::FileFields& header = {});
 };
 
-struct Outcome
-{
-    int result, position;
-    std::string text;
-    bool operator==(const Outcome&) const = default;
-};
+using Outcome = std::tuple<int, int, std::string>; // result, m_iPosition, standard output
 inline const Outcome done = {0, 100, ""}, noHeader = {-1, 0, "140217====3333TC_SDVtoAVI error"},
                      noKeyFrame = {0, -4, "140217====8888"};
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome);
 Outcome convert(const std::string& in, const std::string& out);
 
 struct Chunk

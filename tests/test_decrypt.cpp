@@ -89,15 +89,8 @@ TEST(DecryptKey, IsKeptOrCleared)
 
 TEST(DecryptFrame, ResultsAndTouchedBytes)
 {
-    const struct
-    {
-        const char* what;
-        int keyLength; // -1: no key
-        uint16_t mode, reserved;
-        size_t payload;
-        int result;
-        size_t changed; // payload bytes deciphered
-    } rows[] = {
+    // Length of the key (-1: none), mode, marker, payload; result, and payload bytes deciphered.
+    const std::tuple<const char*, int, uint16_t, uint16_t, size_t, int, size_t> rows[] = {
         {"whole", 16, 21, 2, 100, 0, 64},      {"other bits set", 16, 21, 6, 100, 0, 64},
         {"64 bytes", 16, 21, 2, 64, 0, 64},    {"63 bytes", 16, 21, 2, 63, 0, 63},
         {"4 bytes", 16, 21, 2, 4, 0, 4},       {"3 bytes", 16, 21, 2, 3, -4, 3},
@@ -109,21 +102,21 @@ TEST(DecryptFrame, ResultsAndTouchedBytes)
     };
     Bytes key = hex("000102030405060708090a0b0c0d0e0f00");
     const Bytes keyStream = hex("0a54c3e6eae07eccf451bbcd991a30ec");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        Job job({.mode = row.mode});
-        SetDecryptKey(row.keyLength < 0 ? nullptr : key.data(), row.keyLength);
-        sdv::FrameFields fields = picture(7, row.payload, 0);
-        fields.reserved = row.reserved;
+    for (const auto& [what, keyLength, mode, marker, payload, result, changed] : rows) {
+        SCOPED_TRACE(what);
+        Job job({.mode = mode});
+        SetDecryptKey(keyLength < 0 ? nullptr : key.data(), keyLength);
+        sdv::FrameFields fields = picture(7, payload, 0);
+        fields.reserved = marker;
         const Bytes plain = sdv::frame(fields);
         Bytes frame = plain;
-        for (size_t i = 0; i < row.changed; ++i) frame[32 + i] ^= keyStream[i % 16];
+        for (size_t i = 0; i < changed; ++i) frame[32 + i] ^= keyStream[i % 16];
         frame.shrink_to_fit(); // a byte beyond is caught by the sanitizer
-        EXPECT_EQ(CA_DecryptFrame(frame.data(), int(frame.size()), 99), row.result);
+        EXPECT_EQ(CA_DecryptFrame(frame.data(), int(frame.size()), 99), result);
         EXPECT_EQ(frame, plain);
         for (const int size : {31, 0, -1})
-            EXPECT_EQ(CA_DecryptFrame(frame.data(), size, 0), row.mode == 21 ? -1 : -3);
-        EXPECT_EQ(CA_DecryptFrame(nullptr, 100, 7), row.mode == 21 ? -1 : -3);
+            EXPECT_EQ(CA_DecryptFrame(frame.data(), size, 0), mode == 21 ? -1 : -3);
+        EXPECT_EQ(CA_DecryptFrame(nullptr, 100, 7), mode == 21 ? -1 : -3);
     }
     Job job;
     Bytes frame = sdv::frame(picture(3));

@@ -51,3 +51,14 @@ TEST(IndexPool, BlocksComeBackCleanInTheOrderGiven)
     Destroy();
     EXPECT_EQ(m_iSize, held);
 }
+
+TEST(AviIndex, TakesKnownKindsWhileItHoldsABlock)
+{
+    Job job;
+    for (const int unknown : {-1, 2, 4, 6, 255}) EXPECT_EQ(AVI_AddIndex(77, unknown), -1);
+    EXPECT_EQ(g_tSdv2Avi.m_iAviOffset, 4);
+    EXPECT_EQ(AVI_AddIndex(77, 5), 0);
+    EXPECT_EQ(AVI_CreateAVIIndex(1, AVI_Video), 0);
+    EXPECT_EQ(g_tSdv2Avi.m_IndexBlock, nullptr);
+    EXPECT_EQ(AVI_AddIndex(10, 0), -1);
+}

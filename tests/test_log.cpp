@@ -59,17 +59,10 @@ TEST(LogFileDeathTest, EntryNamedDbgSwitchesFileOn)
     EXPECT_EQ(text_of(dir / log_name(0)), lines);
 }
 
-struct Leftover
-{
-    std::string name;
-    int daysOld; // by its modification time
-    char kind;   // f regular file, d directory, l symbolic link
-    bool stays;
-};
-
 TEST(LogFileDeathTest, OldFilesAreCleanedUp)
 {
-    const Leftover rows[] = {
+    // Name, age in days by its time, file, directory or symbolic link, and whether it stays.
+    const std::tuple<std::string, int, char, bool> rows[] = {
         {"log_2000-01-01", 0, 'f', false}, {"log_2000-01-03.old", 0, 'f', false},
         {log_name(9), 0, 'f', false},      {log_name(6), 30, 'f', true},
         {"log_notadate", 30, 'f', true},   {"log_2000-01-02", 30, 'd', true},
@@ -84,20 +77,20 @@ TEST(LogFileDeathTest, OldFilesAreCleanedUp)
         ASSERT_EQ(mkdir(logs.c_str(), 0755), 0);
         write_file(dir / "dbg", {});
         write_file(dir / "logslog_2000-01-01", {});
-        for (const Leftover& row : rows) {
-            const std::string path = logs + "/" + row.name;
-            if (row.kind == 'f') write_file(path, {});
-            ASSERT_TRUE(row.kind != 'd' || mkdir(path.c_str(), 0755) == 0);
-            ASSERT_TRUE(row.kind != 'l' || symlink("../dbg", path.c_str()) == 0);
-            const time_t when = time(nullptr) - row.daysOld * 86400L;
+        for (const auto& [name, days, kind, stays] : rows) {
+            const std::string path = logs + "/" + name;
+            if (kind == 'f') write_file(path, {});
+            ASSERT_TRUE(kind != 'd' || mkdir(path.c_str(), 0755) == 0);
+            ASSERT_TRUE(kind != 'l' || symlink("../dbg", path.c_str()) == 0);
+            const time_t when = time(nullptr) - days * 86400L;
             const utimbuf times = {when, when};
-            if (row.kind != 'l') utime(path.c_str(), &times);
+            if (kind != 'l') utime(path.c_str(), &times);
         }
         const std::string line = log_in(dir, logs + end, [] { log_msg("line"); });
         EXPECT_EQ(text_of(logs + end + log_name(0)), line);
         EXPECT_TRUE(exists(dir / "logslog_2000-01-01"));
-        for (const Leftover& row : rows)
-            EXPECT_EQ(exists(logs + "/" + row.name), row.stays) << row.name << end;
+        for (const auto& [name, days, kind, stays] : rows)
+            EXPECT_EQ(exists(logs + "/" + name), stays) << name << end;
     }
 }
 
@@ -105,39 +98,36 @@ TEST(LogLines, ShapesAndExits)
 {
     using Writer = void (*)(const char* fmt, ...);
     // They write lines in pieces, dated, with an error text; they quit.
-    const std::pair<Writer, std::string> rows[] = {
-        {log_msg, "d"},
-        {err_msg, "de"},
-        {log_quit, "dq"},
-        {err_quit, "dq"},
-        {log_msg2, ""},
-        {err_msg2, "e"},
-        {log_quit2, "q"},
-        {err_quit2, "q"},
-        {log_buf_msg_unlock, "pd"},
-        {err_buf_msg_unlock, "pde"},
-        {log_buf_quit_unlock, "pdq"},
-        {err_buf_quit_unlock, "pdeq"},
-        {_log_buf_msg_unlock, "pd"},
-        {_err_buf_msg_unlock, "pde"},
-        {_log_buf_quit_unlock, "pdq"},
-        {_err_buf_quit_unlock, "pdeq"},
+    const std::pair<std::string, std::vector<Writer>> rows[] = {
+        {"d", {log_msg}},
+        {"de", {err_msg}},
+        {"dq", {log_quit, err_quit}},
+        {"", {log_msg2}},
+        {"e", {err_msg2}},
+        {"q", {log_quit2, err_quit2}},
+        {"pd", {log_buf_msg_unlock, _log_buf_msg_unlock}},
+        {"pde", {err_buf_msg_unlock, _err_buf_msg_unlock}},
+        {"pdq", {log_buf_quit_unlock, _log_buf_quit_unlock}},
+        {"pdeq", {err_buf_quit_unlock, _err_buf_quit_unlock}},
     };
-    for (const auto& [write, traits] : rows) {
-        const auto is = [&](char trait) { return traits.find(trait) != traits.npos; };
-        const auto [status, line] = told(2, [&] {
-            return in_child([&] {
-                errno = ENOENT;
-                if (is('p')) log_buf_lock(), log_buf_date(), log_buf_msg("%s", "be"), _log_buf_msg("%c", 'f');
-                write("%s%d", "ore", 5);
-                return errno == ENOENT ? 7 : 8;
+    for (const auto& [group, writers] : rows)
+        for (const Writer& write : writers) {
+            const std::string& traits = group;
+            const auto is = [&](char trait) { return traits.find(trait) != traits.npos; };
+            const auto [status, line] = told(2, [&] {
+                return in_child([&] {
+                    errno = ENOENT;
+                    if (is('p'))
+                        log_buf_lock(), log_buf_date(), log_buf_msg("%s", "be"), _log_buf_msg("%c", 'f');
+                    write("%s%d", "ore", 5);
+                    return errno == ENOENT ? 7 : 8;
+                });
             });
-        });
-        EXPECT_EQ(status, is('q') ? 1 : 7) << traits;
-        const std::string want = (is('d') ? stamp : "") + (is('p') ? "bef" : "") + "ore5" +
-                                 (is('e') ? std::string(": ") + strerror(ENOENT) : "") + "\n";
-        EXPECT_TRUE(std::regex_match(line, std::regex(want))) << line << want;
-    }
+            EXPECT_EQ(status, is('q') ? 1 : 7) << traits;
+            const std::string want = (is('d') ? stamp : "") + (is('p') ? "bef" : "") + "ore5" +
+                                     (is('e') ? std::string(": ") + strerror(ENOENT) : "") + "\n";
+            EXPECT_TRUE(std::regex_match(line, std::regex(want))) << line << want;
+        }
     EXPECT_TRUE(std::regex_match(written_to(2, log_date), std::regex(stamp)));
 }
 
