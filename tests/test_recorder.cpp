@@ -257,12 +257,16 @@ TEST(Recorder, LateAudioWithoutRoomLeavesVideoOnly)
     TempDir dir;
     const Frames frames = {picture(1, 5000, 0), mu_law(2, 4000)};
     const uint32_t size = uint32_t(recorded(frames).size()) - 104;
-    EXPECT_EQ(record_within(size, dir / "a.avi", frames), 1);
-    const Bytes bytes = read_file(dir / "a.avi");
-    ASSERT_EQ(bytes.size(), size);
-    EXPECT_TRUE(same_bytes(part(bytes, 4, 20), words(size - 8, "AVI ", "LIST", 192)));
-    EXPECT_TRUE(same_bytes(part(bytes, 56, 60), words(1))) << "streams";
-    EXPECT_TRUE(same_bytes(part(bytes, 224, 5232), words("00dc", 5000) + frames[0].video)) << "nothing moved";
+    for (const uint32_t spare :
+         {0, 60, 103}) { // the last two hold the stream headers, but no index behind them
+        EXPECT_EQ(record_within(size + spare, dir / "a.avi", frames), 1);
+        const Bytes bytes = read_file(dir / "a.avi");
+        ASSERT_EQ(bytes.size(), size) << spare;
+        EXPECT_TRUE(same_bytes(part(bytes, 4, 20), words(size - 8, "AVI ", "LIST", 192)));
+        EXPECT_TRUE(same_bytes(part(bytes, 56, 60), words(1))) << "streams";
+        EXPECT_TRUE(same_bytes(part(bytes, 224, 5232), words("00dc", 5000) + frames[0].video))
+            << "nothing moved";
+    }
 }
 
 TEST(Recorder, FileEndsBelowFourGiB)
