@@ -106,5 +106,6 @@ TEST(CustomFunction, InsideTheTableOnly)
     gpiCustomFunc[1023] = -9;
     EXPECT_EQ(getcustomfunction(5), 7);
     EXPECT_EQ(getcustomfunction(1023), -9);
+    gpiCustomFunc[5] = gpiCustomFunc[1023] = 0;
     for (const int outside : {-1, 1024, INT32_MIN, INT32_MAX}) EXPECT_EQ(getcustomfunction(outside), 0);
 }

@@ -56,6 +56,6 @@ unsigned short GetRandomPort(unsigned short miniseed)
 {
     const unsigned int thread = static_cast<unsigned int>(syscall(SYS_gettid));
     srand(static_cast<unsigned int>(time(nullptr)) + thread);
-    const int port = rand() & 0xFFFF;
+    const int port = rand() & 0xFFFF; // NOLINT(cert-msc30-c,cert-msc50-cpp): a guess may repeat
     return static_cast<unsigned short>(port < miniseed ? port + miniseed : port);
 }
