@@ -4,6 +4,14 @@ set(QUORLIN_SOURCES
   os/libos_log.cpp
   os/libos_thread.cpp
   os/libos_dlist.cpp
+  os/libos_slots.cpp
+  os/libos_loop.cpp
+  os/libos_timer.cpp
+  os/libos_post.cpp
+  os/libos_tcp_server.cpp
+  os/libos_tcp_client.cpp
+  os/libos_udp_client.cpp
+  os/libos_comm_client.cpp
   converter/CommonFun.cpp
   converter/AES.cpp
   converter/ADTSFrame.cpp

@@ -1,5 +1,6 @@
 /*
- * libos.h: the operating-system layer. Mutexes, threads and sleep; logging; lists.
+ * libos.h: the operating-system layer. Mutexes, threads and sleep; logging; lists;
+ * the event loop with timers, posted functions, TCP and UDP.
  *
  * Results. Operations return 1 for success and 0 for failure, creators a pointer or NULL, unless an entry
  * below says otherwise. Every failure that an entry calls "reported" is written as one line to standard
@@ -237,6 +238,409 @@ LIBOS_API int adt_darray_delete(DArray* darray, uint32 index);
 LIBOS_API void* adt_darray_get_by_index(DArray* darray, uint32 index);
 LIBOS_API int adt_darray_length(DArray* darray);
 LIBOS_API int adt_darray_destroy(DArray* darray);
+
+/* ---------------------------------------------------------------------------------------------------------
+ * Event loop
+ *
+ * os_startup() makes fixed tables of TCP servers, TCP clients and UDP sockets and starts two threads: the
+ * loop, which waits for all of them and runs every callback, timer function and posted function, and a tick
+ * thread, which wakes it once a second. One loop per process; it runs until the process ends. os_startup()
+ * comes before every other call of this and the following sections.
+ *
+ * The main lock. The loop holds it around each single event: every callback, timer function and posted
+ * function runs under it. It is recursive. Another thread takes it with os_main_lock() to keep the loop out
+ * while it works on shared records. Closing and destroying calls take it themselves; opening, sending and
+ * reading take no lock, so a thread other than the loop's holds os_main_lock() around them wherever a
+ * callback of the same object could run meanwhile. Creating and destroying calls lock their table for a
+ * moment. Never wait, while holding the main lock, for a thread that needs it.
+ *
+ * Records are slots of the tables: taken by a create call (or by an accepted connection), given back by a
+ * destroy call, never freed by the caller. The lowest free slot is taken, in constant time. Read their fields
+ * through the calls; bind callbacks before opening, from a callback, or under the main lock.
+ *
+ * Callbacks may call any operation on their own object, close it, open it again or destroy it; but a
+ * disconnect callback does not destroy its client. What a callback closed or destroyed is left alone for the
+ * rest of the event. Events that come too late, for a connection that has gone, are dropped: in silence when
+ * the same object was closed or opened again, with a report when its slot was given back ("client index == -1
+ * fail", "index session fail").
+ *
+ * A callback that does not return stops everything. In particular a read callback that reads until there is
+ * nothing more lets one busy peer hold the loop: read a bounded amount, then post a function that reads on.
+ *
+ * Sends never raise SIGPIPE. Signals are the program's own business: the two threads have the signal mask of
+ * the thread that called os_startup().
+ */
+typedef void (*OnTimerFunc)(void* cxt);
+typedef void (*PostFunc)(void* context);
+
+/* A timer; all fields are the layer's own. index counts the milliseconds since the last expiry. */
+typedef struct LTimer
+{
+    OnTimerFunc func;
+    uint32 tm;
+    void* cxt;
+    uint32 index;
+    DListNode* node;
+} LTimer;
+
+/**
+ * Start the layer. Call it from one thread.
+ *
+ * @param max_cient_num  TCP clients, accepted ones among them, and as many UDP sockets; 0 to 65536
+ * @param max_server_num TCP servers; 0 to 65536
+ * @return 1; 1 as well, without doing anything, when it runs already (the first sizes stay); 0, reported, for
+ *         a size out of range ("size out") and when memory, a descriptor or a thread is not to be had. What
+ * was made before a failure is not released, and once the epoll set exists the layer counts as started.
+ */
+LIBOS_API int os_startup(int32 max_cient_num, int32 max_server_num);
+
+/**
+ * Close the descriptors of all servers and UDP sockets, before the program ends or replaces itself. Nothing
+ * else happens: TCP clients, threads and records stay. Do not use those servers and UDP sockets afterwards.
+ * Takes no lock. Always 1.
+ */
+LIBOS_API int os_cleanup(void);
+
+/** 1 once os_startup() has made the epoll set, else 0. */
+LIBOS_API int os_is_startup(void);
+
+/**
+ * A timer that calls func(cxt) on the loop thread, again and again.
+ *
+ * The resolution is one second: it expires on every tick when tm is 1000 or less, on every second one up to
+ * 2000, and so on; the first time at most that many seconds from now. The count begins anew at each expiry.
+ * Within one tick the newest timer comes first. Timer functions run with the main lock and the timers' lock
+ * held: a thread that creates or destroys a timer meanwhile waits. A timer function may create timers, which
+ * count from the next tick, and destroy any timer, its own included.
+ *
+ * @param func what to call; NULL makes a timer that does nothing
+ * @param tm   milliseconds
+ * @return the timer, to be released with os_timer_destroy(). NULL without memory ("malloc fail"). Before
+ *         os_startup(), or when the list cannot take it, the process ends with status 1.
+ */
+LIBOS_API LTimer* os_timer_create(OnTimerFunc func, uint32 tm, void* cxt);
+
+/** Stop and release a timer. NULL: "timer is null", 0. */
+LIBOS_API int os_timer_destroy(LTimer* timer);
+
+/**
+ * Run func(context) on the loop thread, once, in the order of posting. From any thread, and never waits for
+ * room; but it waits while posted functions run, since they run with the main lock and the posts' lock held.
+ * All that is posted runs before the loop looks at sockets again: a function that posts itself keeps the loop
+ * to itself.
+ *
+ * @return 1; 0, reported, for a NULL func ("func is null"), without memory ("malloc fail"), before
+ * os_startup()
+ */
+LIBOS_API int os_post_func(PostFunc func, void* context);
+
+/** Keep the loop out, and let it in again. 1; 0 when the lock call failed. */
+LIBOS_API int os_main_lock(void);
+LIBOS_API int os_main_unlock(void);
+
+/* ---------------------------------------------------------------------------------------------------------
+ * TCP servers
+ *
+ * A NULL server is reported with "server is NULL", and the result is 0, of os_tcp_server_get_status() -1.
+ * Addresses are dotted-quad texts, ports in host byte order.
+ */
+typedef struct TcpServer TcpServer;
+typedef struct TcpClient TcpClient;
+
+/** A new connection. client is connected, its addresses are filled in; bind its callbacks here. */
+typedef void (*OnServerAcceptFunc)(TcpServer* server, TcpClient* client, void* udata);
+
+struct TcpServer
+{
+    int8 type;
+    char ip[16];
+    uint16 port;
+    int32 status; /* 0 not listening, 1 listening */
+    OnServerAcceptFunc accept;
+    void* accept_usr;
+    int listenfd;
+    int32 index; /* -1: the slot is free */
+    uint32 session;
+};
+
+/** A server at 0.0.0.0, port 0, not listening. NULL: the table is full ("server num out"). */
+LIBOS_API TcpServer* os_tcp_server_create(void);
+
+/** Close it and give the slot back. Once only. Its accepted clients stay. */
+LIBOS_API int os_tcp_server_destroy(TcpServer* server);
+
+/**
+ * Where to listen at the next open. ip NULL changes the port alone.
+ * 0 with "ip is fail", the port changed all the same: no address, or longer than 15 characters.
+ */
+LIBOS_API int os_tcp_server_set_local(TcpServer* server, char* ip, uint16 port);
+
+/** Copy address (16 bytes are enough) and port as set. NULL for any of the three: "server is NULL", 0. */
+LIBOS_API int os_tcp_server_get_local(TcpServer* server, char* ip, uint16* port);
+
+/** 0 not listening, 1 listening, -1 for NULL. */
+LIBOS_API int32 os_tcp_server_get_status(TcpServer* server);
+
+/**
+ * Listen. Takes no lock.
+ *
+ * The loop then accepts one connection per round, non-blocking, and hands it over. When the client table is
+ * full the connection is closed at once ("client num out", "os_tcp_client_create client fail"). When
+ * accepting fails ("accept fd:%d fail", with errno) for want of descriptors or memory the server rests until
+ * the next tick and then tries again; the connections wait meanwhile.
+ *
+ * @return 1; 0, reported: it listens already ("server is not dislisten"), "socket fail", "bind fail",
+ *         "listen fail" (these with errno)
+ */
+LIBOS_API int os_tcp_server_open(TcpServer* server);
+
+/** Stop listening. 1, also when it did not listen ("server is dislisten"). It can be opened again. */
+LIBOS_API int os_tcp_server_close(TcpServer* server);
+
+/** What to call for each accepted connection; NULL for nothing. */
+LIBOS_API int os_tcp_server_bind_accept(TcpServer* server, OnServerAcceptFunc accept, void* udata);
+
+/* ---------------------------------------------------------------------------------------------------------
+ * TCP clients: connections, made by the caller or accepted by a server
+ *
+ * A NULL client is reported with "client is null", and the result is 0, -1 or NULL.
+ *
+ * Who gives the slot back. A client that the caller made keeps its slot until os_tcp_client_destroy(), and
+ * can be opened again. An accepted client's slot is given back by the loop when the loop finds the
+ * connection's end, after the disconnect callback; the record must not be used any more then. When its owner
+ * closes it first, the owner destroys it as well, unless its read callback closed it and returns -1: then the
+ * loop gives the slot back.
+ *
+ * The end of a connection is found by reading: a read callback returns -1 when os_tcp_client_read() does. A
+ * client without a read callback has its input discarded, and its end found, by the loop.
+ */
+typedef void (*OnClientConnectFunc)(TcpClient* client, void* udata);
+typedef void (*OnClientDisconnectFunc)(TcpClient* client, void* udata);
+
+/**
+ * There is something to read, or the end. It is not said again for what is left unread: read until 0, or come
+ * back by os_post_func(). Return -1 when the connection has ended, anything else when not.
+ */
+typedef int32 (*OnClientReadFunc)(TcpClient* client, void* udata);
+
+/**
+ * There is room to send again; also called once after connecting. The result is ignored. The peer's
+ * acknowledgements make room: a write callback that itself sends is called again and again.
+ */
+typedef int32 (*OnClientWriteFunc)(TcpClient* client, void* udata);
+
+struct TcpClient
+{
+    int8 type;
+    int8 create_type; /* 1 made by the caller, 0 accepted */
+    char remote_ip[16];
+    uint16 remote_port;
+    char local_ip[16]; /* empty: any */
+    uint16 local_port; /* 0: any */
+    int32 status;      /* 0 disconnected, 1 connecting, 2 connected */
+    void* udata;
+    OnClientConnectFunc connect;
+    void* connect_usr;
+    OnClientDisconnectFunc disconnect;
+    void* disconnect_usr;
+    OnClientReadFunc read;
+    void* read_usr;
+    OnClientWriteFunc write;
+    void* write_usr;
+    int connectfd;
+    int32 index; /* -1: the slot is free */
+    uint32 session;
+};
+
+/** A disconnected client without addresses. NULL: the table is full ("client num out"). */
+LIBOS_API TcpClient* os_tcp_client_create(void);
+
+/**
+ * Close it, with its disconnect callback, and give the slot back. A slot that is free already is reported
+ * ("client: %x destroy err") and ends the process with status 0.
+ */
+LIBOS_API int os_tcp_client_destroy(TcpClient* client);
+
+/**
+ * The peer, and one's own side, for the next open; at most 15 characters, not checked to be an address.
+ * 0, reported: "client is null or ip is null", "ip length out", "client is not disconnect".
+ */
+LIBOS_API int os_tcp_client_set_remote(TcpClient* client, char* ip, uint16 port);
+LIBOS_API int os_tcp_client_set_local(TcpClient* client, char* ip, uint16 port);
+
+/**
+ * Copy all 16 bytes of the address, and the port, out. Of an accepted or adopted client these are the
+ * connection's own. NULL for any argument: "client is null or ip is null or port is NULL", 0.
+ */
+LIBOS_API int os_tcp_client_get_remote(TcpClient* client, char* ip, uint16* port);
+LIBOS_API int os_tcp_client_get_local(TcpClient* client, char* ip, uint16* port);
+
+/** 0 disconnected, 1 connecting, 2 connected, -1 for NULL. */
+LIBOS_API int32 os_tcp_client_get_status(TcpClient* client);
+
+/**
+ * Connect to the remote address. Takes no lock.
+ *
+ * The connect callback follows, then the write callback, on the loop thread; when the connection stands at
+ * once the connect callback runs before this returns, on the calling thread. A connection refused later ends
+ * as any other: through the read callback (os_tcp_client_read() gives -1), with the disconnect callback. One
+ * that fails at once is reported ("connect fail %s %d", with errno) and stays connecting until it is closed.
+ *
+ * @param sock -1; or a connected socket to adopt, which then belongs to the client. It is connected at once,
+ *             but not put into the loop: no callback comes, only sending, reading and closing work.
+ * @return 1; 0, reported: "client is not disconnect", "connectfd is not -1", "socket fail" and "bind fail"
+ *         (these with errno)
+ */
+LIBOS_API int os_tcp_client_open(TcpClient* client, int sock);
+
+/** End the connection: the disconnect callback runs before this returns. 1, also when there was none. */
+LIBOS_API int os_tcp_client_close(TcpClient* client);
+
+/**
+ * Send what fits, without waiting. Takes no lock.
+ *
+ * @return bytes taken; 0 when there is no room now (a write callback follows), while connecting, or for len
+ * 0; -1 when the connection has failed or there is none. "data is null": -1.
+ */
+LIBOS_API int32 os_tcp_client_send(TcpClient* client, char* data, uint32 len);
+
+/**
+ * Read what is there, without waiting. Takes no lock.
+ *
+ * @return bytes read; 0 when nothing waits, or for len 0; -1 at the peer's end, on an error, and when not
+ *         connected. "data is null": -1.
+ */
+LIBOS_API int32 os_tcp_client_read(TcpClient* client, char* data, uint32 len);
+
+/** A pointer of the caller's, NULL at first. */
+LIBOS_API int os_tcp_client_set_udata(TcpClient* client, void* udata);
+LIBOS_API void* os_tcp_client_get_udata(TcpClient* client);
+
+LIBOS_API int os_tcp_client_bind_connect(TcpClient* client, OnClientConnectFunc connect, void* udata);
+
+/** Called once per connection that ends or is closed, with the main lock held, on the thread that closes. */
+LIBOS_API int os_tcp_client_bind_disconnect(TcpClient* client, OnClientDisconnectFunc disconnect,
+                                            void* udata);
+
+LIBOS_API int os_tcp_client_bind_read(TcpClient* client, OnClientReadFunc read, void* udata);
+LIBOS_API int os_tcp_client_bind_write(TcpClient* client, OnClientWriteFunc write, void* udata);
+
+/** Size of the open socket's receive buffer, in bytes. 0: "client == NULL", or refused (errno alone). */
+LIBOS_API int os_tcp_client_set_rcvbuf_len(TcpClient* client, int buf_len);
+
+/* ---------------------------------------------------------------------------------------------------------
+ * UDP
+ *
+ * The socket lives as long as the slot. A NULL client is reported with "client is null", and the result is 0,
+ * -1 or NULL.
+ */
+typedef struct UdpClient UdpClient;
+
+/**
+ * Datagrams have come, or there is room to send; results are ignored. It is not said again for what is left
+ * unread: read until 0, or until a -1 whose errno is not 0. An empty datagram gives -1 with errno 0, and more
+ * may wait behind it.
+ */
+typedef int32 (*OnUdpClientReadFunc)(UdpClient* client, void* udata);
+typedef int32 (*OnUdpClientWriteFunc)(UdpClient* client, void* udata);
+
+struct UdpClient
+{
+    int8 type;
+    char local_ip[16]; /* empty: any */
+    uint16 local_port; /* 0: the system chooses */
+    int32 status;      /* 0 closed, 1 open */
+    void* udata;
+    OnUdpClientReadFunc read;
+    void* read_usr;
+    OnUdpClientWriteFunc write;
+    void* write_usr;
+    int fd;
+    int32 index; /* -1: the slot is free */
+    uint32 session;
+};
+
+/** NULL, reported: "udp num out:udps:%d,max udp:%d", "socket fail". */
+LIBOS_API UdpClient* os_udp_client_create(void);
+
+/** As os_tcp_client_destroy(): a slot that is free already ends the process with status 0. */
+LIBOS_API int os_udp_client_destroy(UdpClient* client);
+
+/** For the next open. 0, reported: "client is null or ip is null", "ip length out" (above 15 characters). */
+LIBOS_API int os_udp_client_set_local(UdpClient* client, char* ip, uint16 port);
+
+/**
+ * Copy the address as set (16 bytes are enough), and the port as set or, when that is 0, as the system chose.
+ *
+ * @return 0 for success (this call alone); -1 with "getsockname failed!"; for a NULL argument 0 as well, with
+ *         "client is null or ip is null or port is null"
+ */
+LIBOS_API int os_udp_client_get_local(UdpClient* client, char* ip, uint16* port);
+
+/** 0 closed, 1 open, -1 for NULL. */
+LIBOS_API int32 os_udp_client_get_status(UdpClient* client);
+
+/**
+ * Bind the socket and let the callbacks come. Takes no lock.
+ *
+ * A socket is bound once: a second open fails, also after a close, and so does an open after the first send,
+ * which binds as well.
+ *
+ * @return 1; 0 with "bind fail" and errno
+ */
+LIBOS_API int os_udp_client_open(UdpClient* client);
+
+/** No more callbacks. The socket stays bound; sending and reading go on working. Always 1. */
+LIBOS_API int os_udp_client_close(UdpClient* client);
+
+/**
+ * Send one datagram, also before opening. Takes no lock.
+ *
+ * @return len; 0 when there is no room now; -1 on any other error. "data is null", "ip is null": -1.
+ */
+LIBOS_API int32 os_udp_client_send(UdpClient* client, char* data, uint32 len, char* ip, uint16 port);
+
+/**
+ * Read one datagram; what exceeds len is lost. Takes no lock.
+ *
+ * @param ip   16 bytes for the sender's address
+ * @param port for the sender's port
+ * @return bytes read; 0 when nothing waits; -1 with "recv fail" on an error and, errno being 0, for an empty
+ *         datagram. A NULL argument: "client is null or data is null or ip is null or port is null", -1.
+ */
+LIBOS_API int32 os_udp_client_read(UdpClient* client, char* data, uint32 len, char* ip, uint16* port);
+
+LIBOS_API int os_udp_client_set_udata(UdpClient* client, void* udata);
+LIBOS_API void* os_udp_client_get_udata(UdpClient* client);
+LIBOS_API int os_udp_client_bind_read(UdpClient* client, OnUdpClientReadFunc read, void* udata);
+LIBOS_API int os_udp_client_bind_write(UdpClient* client, OnUdpClientWriteFunc write, void* udata);
+
+/* ---------------------------------------------------------------------------------------------------------
+ * Serial ports: declared so that programs link; every call ignores its arguments and gives 0 or NULL.
+ */
+typedef struct CommClient
+{
+    int32 commport;
+    int speed;
+    int databits;
+    int parity;
+    int stopbits;
+    int dup;
+    OnUdpClientReadFunc read_func;
+    void* read_usr;
+} CommClient;
+
+LIBOS_API CommClient* os_comm_client_create(int32 comport, int speed, int databits, int parity, int stopbits,
+                                            int dup);
+LIBOS_API int os_comm_client_destroy(CommClient* client);
+LIBOS_API int32 os_comm_client_get_status(CommClient* client);
+LIBOS_API int os_comm_client_open(CommClient* client);
+LIBOS_API int os_comm_client_close(CommClient* client);
+LIBOS_API int32 os_comm_client_send(CommClient* client, char* data, uint32 len);
+LIBOS_API int32 os_comm_client_read(CommClient* client, char* data, uint32 len);
+LIBOS_API int os_comm_client_set_udata(CommClient* client, void* udata);
+LIBOS_API void* os_comm_client_get_udata(CommClient* client);
+LIBOS_API int os_comm_client_bind_read(CommClient* client, OnUdpClientReadFunc read, void* udata);
 
 #ifdef __cplusplus
 }
