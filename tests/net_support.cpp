@@ -206,14 +206,13 @@ static void note(Watched* watched, char what)
 static int32 read_all(TcpClient* client, void* usr)
 {
     Watched* watched = static_cast<Watched*>(usr);
-    if (!watched->read_until_end) {
-        note(watched, 'R');
-        return 0;
-    }
     char piece[5000];
-    int32 got;
-    while ((got = os_tcp_client_read(client, piece, sizeof(piece))) > 0)
+    int32 got = 0;
+    size_t taken = 0;
+    while (taken < watched->at_most && (got = os_tcp_client_read(client, piece, sizeof(piece))) > 0) {
         watched->got.append(piece, static_cast<size_t>(got));
+        taken += static_cast<size_t>(got);
+    }
     note(watched, 'R');
     return got;
 }

@@ -59,7 +59,7 @@ struct Watched
     std::string order; // all of it under the main lock
     std::string got;
     std::function<void(char)> then; // runs in the callback, after it was written down
-    bool read_until_end = true;
+    size_t at_most = SIZE_MAX;      // to read per event
 
     std::string happened();
     std::string received();

@@ -81,10 +81,11 @@ static void echo_round(uint16_t port, unsigned seed)
 static void pour_round(int listener, uint16_t port)
 {
     Watched watched;
+    watched.at_most = 30000; // or a fast peer holds the loop
     open_watched(watched, port);
     const int peer = plain_accept(listener);
     std::thread pouring([peer] {
-        const std::string block(200, 'p'); // small: reading to the end must not hold the loop
+        const std::string block(2000, 'p');
         while (send_all(peer, block)) {
         }
     });

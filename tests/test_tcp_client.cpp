@@ -159,6 +159,7 @@ TEST_P(Endings, TellTheClientOnce)
         const std::string sent = pattern(ending.sent_before);
         if (ending.end) {
             const int peer = plain_accept(listener);
+            EXPECT_TRUE(wait_for([&] { return watched.happened().size() >= 2; }));
             EXPECT_TRUE(send_all(peer, sent));
             if (ending.reads) {
                 EXPECT_TRUE(wait_for([&] { return watched.received() == sent; }));
