@@ -1,5 +1,6 @@
 // sdv2avi: an SDV recording becomes an AVI file. The output appears under its name only when it is complete.
 #include "Quorlin.h"
+#include "descriptors.h"
 #include "key.h"
 #include "progress.h"
 #include "temp_output.h"
@@ -41,39 +42,6 @@ void warn(const std::string& what)
 {
     fprintf(stderr, "sdv2avi: warning: %s\n", what.c_str());
 }
-
-// A closed standard descriptor would become the next file opened, and receive what is printed.
-void fill_standard_descriptors()
-{
-    int fd;
-    do fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd >= 0) close(fd);
-}
-
-// The library writes markers to standard output; here they are nobody's business.
-struct Silence
-{
-    int saved = -1;
-    Silence()
-    {
-        fflush(stdout);
-        saved = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (null < 0) return;
-        dup2(null, STDOUT_FILENO);
-        close(null);
-    }
-    ~Silence()
-    {
-        fflush(stdout);
-        if (saved < 0) return;
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-    }
-    Silence(const Silence&) = delete;
-    Silence& operator=(const Silence&) = delete;
-};
 
 int position()
 {
@@ -187,7 +155,7 @@ std::string explain(int outcome, const Options& options)
 int run_library(const std::string& input, const std::string& output)
 {
     std::string from = input, to = output; // the call takes writable texts
-    const Silence silence;
+    const tools::Silence silence;
     tools::Progress progress;
     tools::start_progress(progress, position);
     return KtConvert_SDVtoAVI(from.data(), to.data());
@@ -230,7 +198,7 @@ int main(int argc, char** argv)
         ->excludes(key);
     CLI11_PARSE(app, argc, argv);
 
-    fill_standard_descriptors();
+    tools::fill_standard_descriptors();
     signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a write that fails, not an end without a word
     if (options.output.empty())
         options.output = std::filesystem::path(options.input).replace_extension(".avi").string();

@@ -1,0 +1,63 @@
+#include "frame_cutter.h"
+
+#include "CommonFun.h"
+
+#include <cstring>
+
+namespace sdv {
+namespace {
+
+constexpr size_t PieceRoom = 1 << 20;
+constexpr size_t LargestFrame = 2 << 20;
+constexpr int Mpeg4Mode = 11;
+constexpr uint32_t Mpeg4Flag = 0x00FCFFFF; // the bits of its first four bytes that are the flag
+
+// Size of the frame that begins there; 0 when none does.
+size_t frame_size(uint8_t* at, int mode)
+{
+    uint32_t flag;
+    memcpy(&flag, at, sizeof(flag));
+    if (mode == Mpeg4Mode) flag &= Mpeg4Flag;
+    if (flag != uint32_t(GetFrameFlagByMode(mode)) || !IsValidFrameHeader(at, mode)) return 0;
+    const auto size = size_t(GetFrameSize(at, mode));
+    return size < sizeof(S_FrameHeader) ? 0 : size;
+}
+
+} // namespace
+
+std::span<uint8_t> piece_room(FrameCutter& cutter)
+{
+    cutter.buffer.resize(LargestFrame + 2 * PieceRoom);
+    if (cutter.buffer.size() - cutter.end < PieceRoom) {
+        memmove(cutter.buffer.data(), cutter.buffer.data() + cutter.begin, cutter.end - cutter.begin);
+        cutter.end -= cutter.begin;
+        cutter.begin = 0;
+    }
+    return std::span(cutter.buffer).subspan(cutter.end);
+}
+
+void add_piece(FrameCutter& cutter, size_t count)
+{
+    cutter.end += count;
+}
+
+std::span<uint8_t> take_bytes(FrameCutter& cutter, size_t count)
+{
+    if (cutter.end - cutter.begin < count) return {};
+    const auto taken = std::span(cutter.buffer).subspan(cutter.begin, count);
+    cutter.begin += count;
+    return taken;
+}
+
+std::span<uint8_t> take_frame(FrameCutter& cutter, int mode)
+{
+    while (cutter.end - cutter.begin >= sizeof(S_FrameHeader)) {
+        const size_t size = frame_size(&cutter.buffer[cutter.begin], mode);
+        if (size) return take_bytes(cutter, size);
+        ++cutter.begin;
+        ++cutter.skipped;
+    }
+    return {};
+}
+
+} // namespace sdv

@@ -1,0 +1,30 @@
+// A stream that comes in pieces of any size, cut into whole frames.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace sdv {
+
+struct FrameCutter
+{
+    std::vector<uint8_t> buffer;
+    size_t begin = 0; // the bytes that wait: buffer[begin] to buffer[end - 1]
+    size_t end = 0;
+    uint64_t skipped = 0; // bytes that belong to no frame
+};
+
+// Room for the next piece, at least 1 MiB as long as frames are taken out. What was written into it counts
+// after add_piece().
+std::span<uint8_t> piece_room(FrameCutter& cutter);
+void add_piece(FrameCutter& cutter, size_t count);
+
+// The next `count` bytes as they come; empty when not so many wait.
+std::span<uint8_t> take_bytes(FrameCutter& cutter, size_t count);
+
+// The next whole frame of a stream of this mode; empty when none waits. It lies in the buffer, to be used
+// before the next call of piece_room(). Frames are found by the rules of RecordAviEx().
+std::span<uint8_t> take_frame(FrameCutter& cutter, int mode);
+
+} // namespace sdv
