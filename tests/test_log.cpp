@@ -2,15 +2,22 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <regex>
 #include <sstream>
 
 #include "support.h"
 
-static const std::string stamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d )";
+static const std::string stamp = "0000-00-00 00:00:00 ";
+
+static std::string with_zeros(std::string text) // for every digit
+{
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }, '0');
+    return text;
+}
 
 static std::string log_name(int daysAgo)
 {
@@ -124,11 +131,11 @@ TEST(LogLines, ShapesAndExits)
                 });
             });
             EXPECT_EQ(status, is('q') ? 1 : 7) << traits;
-            const std::string want = (is('d') ? stamp : "") + (is('p') ? "bef" : "") + "ore5" +
+            const std::string want = (is('d') ? stamp : "") + (is('p') ? "bef" : "") + "ore0" +
                                      (is('e') ? std::string(": ") + strerror(ENOENT) : "") + "\n";
-            EXPECT_TRUE(std::regex_match(line, std::regex(want))) << line << want;
+            EXPECT_EQ(with_zeros(line), want) << line;
         }
-    EXPECT_TRUE(std::regex_match(written_to(2, log_date), std::regex(stamp)));
+    EXPECT_EQ(with_zeros(written_to(2, log_date)), stamp);
 }
 
 TEST(LogLines, LongLinesAreCutAndKeepTheirEnd)
@@ -163,10 +170,9 @@ TEST(LogLines, ThreadsDoNotMixTheirLines)
         });
     });
     std::istringstream lines(all);
-    const std::regex whole(stamp + "(a{60}|b{60})");
     int count = 0;
     for (std::string line; std::getline(lines, line); ++count)
-        EXPECT_TRUE(std::regex_match(line, whole)) << line;
+        EXPECT_EQ(with_zeros(line), stamp + std::string(60, line.empty() ? ' ' : line.back()));
     EXPECT_EQ(count, 800);
 }
 

@@ -217,15 +217,16 @@ TEST(Recorder, StartAndStopWithoutFrames)
     }
     EXPECT_TRUE(exists(dir / "pipe"));
 
-    const Bytes bare = record(dir / "a.avi", {});
-    ASSERT_EQ(bare.size(), 212u);
-    EXPECT_TRUE(same_bytes(part(bare, 0, 8), words("RIFF", 0)));
-
     ASSERT_EQ(StartRecord(0, (dir / "b.avi").c_str(), 1), 0);
     push(dir / "b.avi", sdv::frame(picture(1)));
     g_tSdv2Avi.m_iRecFileType = 0;
     EXPECT_EQ(StopRecord(0), 0);
     EXPECT_EQ(file_size(dir / "b.avi"), 224u + 108u) << "only closed";
+
+    const Bytes bare = record(dir / "a.avi", {});
+    ASSERT_EQ(bare.size(), 212u);
+    EXPECT_TRUE(same_bytes(part(bare, 0, 8), words("RIFF", 0)));
+    EXPECT_TRUE(same_bytes(part(bare, 48, 52), words(0))) << "nothing is left of the recording before";
 }
 
 static int record_within(uint64_t limit, const std::string& path, const Frames& frames)

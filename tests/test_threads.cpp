@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <regex>
 #include <thread>
 
 #include "support.h"
@@ -35,15 +34,15 @@ TEST(Threads, MutexesArePlainOrRecursive)
 
 TEST(Threads, NullIsReported)
 {
-    const std::string where = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d file: \w+\.cpp line: \d+ )";
-    const auto calls = [] {
-        return os_mutex_lock(nullptr) + os_mutex_free(nullptr) +
-               os_thread_create(nullptr, 0, nullptr, nullptr) + os_thread_detach(nullptr);
-    };
-    const auto [result, lines] = told(2, calls);
+    auto [result, lines] = told(2, [] {
+        return os_mutex_lock(nullptr) + os_mutex_free(nullptr) + os_thread_detach(nullptr) +
+               os_thread_create(nullptr, 0, nullptr, nullptr);
+    });
     EXPECT_EQ(result, 1) << "only freeing nothing succeeds";
-    const std::string mutex = where + "mutex is null\n", thread = where + "thr is null\n";
-    EXPECT_TRUE(std::regex_match(lines, std::regex(mutex + mutex + thread + thread))) << lines;
+    std::erase_if(lines, [](char c) { return c >= '0' && c <= '9'; });
+    const std::string where = "-- :: file: libos_thread.cpp line:  ", mutex = where + "mutex is null\n",
+                      thread = where + "thr is null\n";
+    EXPECT_EQ(lines, mutex + mutex + thread + thread);
 }
 
 static void* own_stack_size(void* result)
