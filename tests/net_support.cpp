@@ -1,84 +1,44 @@
 #include "net_support.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <stdio.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <thread>
+#include <map>
+#include <utility>
 
-static std::string text_of(FILE* file)
+std::string in_process(int status, const Work& body)
 {
-    std::string text;
-    char piece[4096];
-    rewind(file);
-    while (const size_t count = fread(piece, 1, sizeof(piece), file)) text.append(piece, count);
-    fclose(file);
-    return text;
+    int ended = 0;
+    const std::string reports = written_to(2, [&] {
+        ended = in_child([&] {
+            alarm(240);
+            body();
+            fflush(nullptr);
+            return ::testing::Test::HasFailure() ? 3 : CAME_TO_ITS_END;
+        });
+    });
+    EXPECT_EQ(ended, status) << reports;
+    return reports;
 }
 
-ChildResult in_child(const std::function<void()>& body)
+std::string in_layer(int clients, int servers, const Work& body)
 {
-    FILE* reports = tmpfile();
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(240);
-        dup2(fileno(reports), STDERR_FILENO);
-        body();
-        fflush(nullptr);
-        _exit(::testing::Test::HasFailure() ? 1 : CHILD_DONE);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text_of(reports)};
-}
-
-std::string in_layer(int clients, int servers, const std::function<void()>& body)
-{
-    const ChildResult result = in_child([&] {
+    return in_process(CAME_TO_ITS_END, [&] {
         ASSERT_EQ(os_startup(clients, servers), 1);
         body();
     });
-    EXPECT_EQ(result.status, CHILD_DONE) << result.reports;
-    return result.reports;
 }
 
-bool wait_for(const std::function<bool()>& condition)
+void wait_for(const std::function<bool()>& condition)
 {
-    for (int i = 0; i < 60000; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
+    for (int i = 0; !locked(condition); ++i, os_sleep(1)) ASSERT_LT(i, 60000);
 }
 
-void locked(const std::function<void()>& body)
+void on_loop(const Work& body)
 {
-    os_main_lock();
-    body();
-    os_main_unlock();
-}
-
-void on_loop(const std::function<void()>& body)
-{
-    struct Call
-    {
-        const std::function<void()>& body;
-        std::atomic<bool> done{false};
-    } call{body};
-    os_post_func(
-        [](void* context) {
-            Call* posted = static_cast<Call*>(context);
-            posted->body();
-            posted->done = true;
-        },
-        &call);
-    EXPECT_TRUE(wait_for([&] { return call.done.load(); }));
+    static const Work* next; // under the main lock; one caller at a time
+    locked([&] { next = &body; });
+    EXPECT_EQ(os_post_func([](void*) { (*std::exchange(next, nullptr))(); }, nullptr), 1);
+    wait_for([] { return !next; });
 }
 
 int count_of(const std::string& text, const std::string& what)
@@ -88,15 +48,31 @@ int count_of(const std::string& text, const std::string& what)
     return count;
 }
 
+std::string pattern(size_t count, uint32_t seed)
+{
+    const Bytes bytes = noise(count, seed);
+    return {bytes.begin(), bytes.end()};
+}
+
 // ---- plain sockets
 
-static sockaddr_in loopback(uint16_t port)
+static int at_loopback(int (*call)(int, const sockaddr*, socklen_t), int fd, uint16_t port)
 {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
+    const sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    EXPECT_EQ(call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    return fd;
+}
+
+int bound_socket()
+{
+    return at_loopback(bind, socket(AF_INET, SOCK_STREAM, 0), 0);
+}
+
+int plain_listener()
+{
+    const int fd = bound_socket();
+    EXPECT_EQ(listen(fd, 128), 0);
+    return fd;
 }
 
 uint16_t port_of(int fd)
@@ -107,75 +83,21 @@ uint16_t port_of(int fd)
     return ntohs(address.sin_port);
 }
 
-static int bound_socket()
+int plain_connect(uint16_t port, int fd)
 {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in address = loopback(0);
-    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    return fd;
-}
-
-int plain_listener(uint16_t* port)
-{
-    const int fd = bound_socket();
-    EXPECT_EQ(listen(fd, 128), 0);
-    *port = port_of(fd);
-    return fd;
-}
-
-// Bound but not listening for the rest of the process, so that nobody else gets it.
-uint16_t unused_port()
-{
-    return port_of(bound_socket());
-}
-
-void connect_plain(int fd, uint16_t port)
-{
-    const sockaddr_in address = loopback(port);
-    EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-}
-
-int plain_connect(uint16_t port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    connect_plain(fd, port);
-    return fd;
-}
-
-int plain_accept(int listener)
-{
-    const int fd = accept(listener, nullptr, nullptr);
-    EXPECT_GE(fd, 0);
-    return fd;
+    return at_loopback(connect, fd, port);
 }
 
 bool send_all(int fd, const std::string& data)
 {
-    for (size_t done = 0; done < data.size();) {
-        const ssize_t sent = send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-        if (sent <= 0) return false;
-        done += static_cast<size_t>(sent);
-    }
-    return true;
+    return send(fd, data.data(), data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(data.size());
 }
 
 std::string read_up_to(int fd, size_t count)
 {
     std::string data(count, '\0');
-    size_t done = 0;
-    while (done < count) {
-        const ssize_t got = recv(fd, data.data() + done, count - done, 0);
-        if (got <= 0) break;
-        done += static_cast<size_t>(got);
-    }
-    data.resize(done);
+    data.resize(static_cast<size_t>(std::max<ssize_t>(recv(fd, data.data(), count, MSG_WAITALL), 0)));
     return data;
-}
-
-bool at_end(int fd)
-{
-    char byte;
-    return recv(fd, &byte, 1, 0) <= 0;
 }
 
 void close_with_reset(int fd)
@@ -185,22 +107,15 @@ void close_with_reset(int fd)
     close(fd);
 }
 
-std::string pattern(size_t count, unsigned seed)
-{
-    std::string data(count, '\0');
-    for (char& byte : data) {
-        seed = seed * 1664525 + 1013904223;
-        byte = static_cast<char>(seed >> 24);
-    }
-    return data;
-}
+// ---- the library's side
 
-// ---- watched clients
-
-static void note(Watched* watched, char what)
+template <char what>
+static int32 note(TcpClient*, void* usr)
 {
+    Watched* watched = static_cast<Watched*>(usr);
     watched->order += what;
     if (watched->then) watched->then(what);
+    return 0;
 }
 
 static int32 read_all(TcpClient* client, void* usr)
@@ -208,68 +123,58 @@ static int32 read_all(TcpClient* client, void* usr)
     Watched* watched = static_cast<Watched*>(usr);
     char piece[5000];
     int32 got = 0;
-    size_t taken = 0;
-    while (taken < watched->at_most && (got = os_tcp_client_read(client, piece, sizeof(piece))) > 0) {
+    for (size_t taken = 0; taken < watched->at_most; taken += static_cast<size_t>(got)) {
+        if ((got = os_tcp_client_read(client, piece, sizeof(piece))) <= 0) break;
         watched->got.append(piece, static_cast<size_t>(got));
-        taken += static_cast<size_t>(got);
     }
-    note(watched, 'R');
-    return got;
+    note<'R'>(client, usr);
+    return got < 0 ? got : os_tcp_client_read(client, piece, 0); // -1 when it was closed meanwhile
 }
 
-std::string Watched::happened()
+bool Watched::send(const std::string& whole)
 {
-    std::string copy;
-    locked([&] { copy = order; });
-    return copy;
-}
-
-std::string Watched::received()
-{
-    std::string copy;
-    locked([&] { copy = got; });
-    return copy;
+    while (sent < whole.size()) {
+        const uint32 left = static_cast<uint32>(whole.size() - sent);
+        const int32 count = os_tcp_client_send(client, text(whole) + sent, left);
+        if (count <= 0) return false;
+        sent += static_cast<size_t>(count);
+    }
+    return true;
 }
 
 void watch(Watched& watched, TcpClient* client)
 {
+    const OnClientConnectFunc connected = [](TcpClient* of, void* usr) { note<'C'>(of, usr); };
+    const OnClientDisconnectFunc disconnected = [](TcpClient* of, void* usr) { note<'D'>(of, usr); };
     watched.client = client;
-    os_tcp_client_bind_connect(
-        client, [](TcpClient*, void* usr) { note(static_cast<Watched*>(usr), 'C'); }, &watched);
-    os_tcp_client_bind_disconnect(
-        client, [](TcpClient*, void* usr) { note(static_cast<Watched*>(usr), 'D'); }, &watched);
+    os_tcp_client_bind_connect(client, connected, &watched);
+    os_tcp_client_bind_disconnect(client, disconnected, &watched);
     os_tcp_client_bind_read(client, read_all, &watched);
-    os_tcp_client_bind_write(
-        client,
-        [](TcpClient*, void* usr) -> int32 {
-            note(static_cast<Watched*>(usr), 'W');
-            return 0;
-        },
-        &watched);
-}
-
-void aim(TcpClient* client, uint16_t port)
-{
-    char ip[] = "127.0.0.1";
-    EXPECT_EQ(os_tcp_client_set_remote(client, ip, port), 1);
+    os_tcp_client_bind_write(client, note<'W'>, &watched);
 }
 
 void open_watched(Watched& watched, uint16_t port)
 {
     locked([&] {
         watch(watched, os_tcp_client_create());
-        aim(watched.client, port);
+        EXPECT_EQ(os_tcp_client_set_remote(watched.client, text("127.0.0.1"), port), 1);
         EXPECT_EQ(os_tcp_client_open(watched.client, -1), 1);
     });
 }
 
-TcpServer* open_server(uint16_t* port, OnServerAcceptFunc accept, void* usr)
+TcpServer* open_server(OnServerAcceptFunc accept, void* usr)
 {
-    char ip[] = "127.0.0.1";
     TcpServer* server = os_tcp_server_create();
-    EXPECT_EQ(os_tcp_server_set_local(server, ip, 0), 1);
-    EXPECT_EQ(os_tcp_server_bind_accept(server, accept, usr), 1);
-    EXPECT_EQ(os_tcp_server_open(server), 1);
-    *port = port_of(server->listenfd);
+    EXPECT_EQ(os_tcp_server_set_local(server, text("127.0.0.1"), 0), 1);
+    EXPECT_EQ(os_tcp_server_bind_accept(server, accept, usr) + os_tcp_server_open(server), 2);
     return server;
+}
+
+void accept_echo(TcpServer*, TcpClient* client, void* accepted)
+{
+    static std::map<TcpClient*, Watched> echoes; // main lock
+    Watched& echo = echoes[client] = {};
+    echo.then = [&echo](char) { echo.send(echo.got); };
+    watch(echo, client);
+    ++*static_cast<int*>(accepted);
 }

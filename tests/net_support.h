@@ -2,73 +2,57 @@
 // client that writes down what happens to it.
 #pragma once
 
-#include <stdint.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include <atomic>
-#include <functional>
-#include <string>
+#include <algorithm>
 
 #include "libos.h"
+#include "support.h"
 
-// ---- a case in its own process: the layer starts once in a process and never stops
+using Work = std::function<void()>;
 
-struct ChildResult
+template <class Body>
+auto locked(Body body)
 {
-    int status;          // CHILD_DONE when the body came to its end, else the exit status; -1 for a signal
-    std::string reports; // what it wrote to standard error
-};
+    struct MainLock
+    {
+        MainLock() { os_main_lock(); }
+        ~MainLock() { os_main_unlock(); }
+    } lock;
+    return body();
+}
 
-static const int CHILD_DONE = 42;
+// The layer starts once in a process and never stops, so each case has its own. Returns what it reported.
+static const int CAME_TO_ITS_END = 42;
+std::string in_process(int status, const Work& body);
+std::string in_layer(int clients, int servers, const Work& body);
 
-ChildResult in_child(const std::function<void()>& body);
-
-// The layer, started with these sizes, in a child that must come to its end. Returns the reports.
-std::string in_layer(int clients, int servers, const std::function<void()>& body);
-
-// Wait until the condition holds; false after a generous time.
-bool wait_for(const std::function<bool()>& condition);
-
-// Run under the main lock.
-void locked(const std::function<void()>& body);
-
-// Run on the loop's thread, and wait until it ran.
-void on_loop(const std::function<void()>& body);
-
+void wait_for(const std::function<bool()>& condition); // asked under the main lock
+void on_loop(const Work& body);                        // and waits until it ran
 int count_of(const std::string& text, const std::string& what);
+std::string pattern(size_t count, uint32_t seed = 1);
 
-// ---- plain sockets on loopback
-
-int plain_listener(uint16_t* port);
-int plain_connect(uint16_t port);
-void connect_plain(int fd, uint16_t port);
-int plain_accept(int listener);
+int bound_socket();
+int plain_listener();
 uint16_t port_of(int fd);
-uint16_t unused_port();
+int plain_connect(uint16_t port, int fd = socket(AF_INET, SOCK_STREAM, 0));
 bool send_all(int fd, const std::string& data);
 std::string read_up_to(int fd, size_t count); // shorter at the peer's end
-bool at_end(int fd);                          // waits for the peer's end
 void close_with_reset(int fd);
-
-std::string pattern(size_t count, unsigned seed = 1);
-
-// ---- a watched client: C connected, W writable, R input, D disconnected
 
 struct Watched
 {
     TcpClient* client = nullptr;
-    std::string order; // all of it under the main lock
-    std::string got;
+    std::string order, got;         // C connected, W writable, R input, D disconnected; main lock
     std::function<void(char)> then; // runs in the callback, after it was written down
     size_t at_most = SIZE_MAX;      // to read per event
+    size_t sent = 0;
 
-    std::string happened();
-    std::string received();
+    bool send(const std::string& whole); // what is not sent yet; false when the room ended
+    int times(char what) const { return static_cast<int>(std::count(order.begin(), order.end(), what)); }
 };
-
 void watch(Watched& watched, TcpClient* client);
-void aim(TcpClient* client, uint16_t port);
-
-// Create, bind and open towards a port.
 void open_watched(Watched& watched, uint16_t port);
-
-TcpServer* open_server(uint16_t* port, OnServerAcceptFunc accept, void* usr);
+TcpServer* open_server(OnServerAcceptFunc accept, void* usr = nullptr);
+void accept_echo(TcpServer*, TcpClient* client, void* accepted); // an int, counted up
