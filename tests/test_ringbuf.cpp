@@ -79,12 +79,12 @@ TEST(Ringbuf, BlockedWriterGetsEveryByteThrough)
     const Bytes bytes = noise(20000, 1);
     for (const int32 removed : {0, 100, -1}) {
         const Ring rb(ringbuf_create(8, RINGBUF_WRITE_BLOCK), ringbuf_destroy);
-        std::atomic<bool> done = false;
+        std::atomic<bool> finished = false;
         put(rb, "........");
         std::thread writer([&] { put(rb, std::string(bytes.begin(), bytes.end())); });
         std::thread onlooker([&] { // without the lock
             int32 read, write;
-            while (!done) ringbuf_get_index(rb.get(), &read, &write);
+            while (!finished) ringbuf_get_index(rb.get(), &read, &write);
         });
         os_sleep(20);
         removed < 0 ? ringbuf_clear(rb.get()) : ringbuf_remove(removed ? removed : 8, rb.get());
@@ -96,7 +96,7 @@ TEST(Ringbuf, BlockedWriterGetsEveryByteThrough)
             if (!count) std::this_thread::yield();
         }
         writer.join();
-        done = true;
+        finished = true;
         onlooker.join();
     }
 }

@@ -110,10 +110,10 @@ static void change_after(const std::string& order, const std::string& what)
 {
     const int listener = plain_listener();
     Watched watched;
-    bool done = false;
+    bool changed = false;
     watched.then = [&](char) {
-        if (done || !watched.order.ends_with(order)) return;
-        done = true;
+        if (changed || !watched.order.ends_with(order)) return;
+        changed = true;
         EXPECT_EQ(watched.got, order == "D" || order == "CWWR" ? "first" : "");
         what == "destroy" ? os_tcp_client_destroy(watched.client) : os_tcp_client_close(watched.client);
         EXPECT_TRUE(what != "reopen" || os_tcp_client_open(watched.client, -1));
