@@ -1,7 +1,7 @@
 /*
  * ADTSFrame.h: the 7-byte header of ADTS frames, the transport of AAC audio (ISO/IEC 13818-7 and 14496-3).
  *
- * The parser validates nothing: a wrong sync word is stored as it was read. Its one record has no lock, so
+ * Pointers are not NULL. The parser validates nothing: a wrong sync word is stored as it was read. Its one record has no lock, so
  * InitHeader() and the reading of its result belong on one thread, with no other InitHeader() in between.
  */
 #ifndef QUORLIN_ADTSFRAME_H

@@ -461,7 +461,7 @@ QUORLIN_API int AVI_MoviSkipLen(AVI_MediaType _mediaType);
 /** Reset counters and chunk headers for a new file. Returns 0. */
 QUORLIN_API int AVI_init(AVI_MediaType _mediaType);
 
-/** The builders fill a record from the job and return 0. AVI_WriteFileHeader() completes what depends on
+/** The builders fill a record, which is not NULL, from the job and return 0. AVI_WriteFileHeader() completes what depends on
  *  picture size, frame count and file length. */
 QUORLIN_API int AVI_SetAvih(AVI_MainHeader* _Avih);
 QUORLIN_API int AVI_SetHdrlHeader(AVI_HdrlHeader* _hdrl, AVI_MediaType _mediaType);

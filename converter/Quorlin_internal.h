@@ -87,5 +87,6 @@ enum class Moved
 // Bytes by which the header area grows when an audio stream joins the video.
 int late_audio_room();
 
-// Move the chunks of a file that was laid out for video only, and ends at end, up by late_audio_room().
-Moved move_chunks_up(FILE* file, int64_t end);
+// Move the chunks of a file that was laid out for video only, and ends at end, up by late_audio_room(). It must
+// have room for index further bytes too: a file without audio is worth more than one without an index.
+Moved move_chunks_up(FILE* file, int64_t end, int64_t index);

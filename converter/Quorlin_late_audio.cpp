@@ -43,22 +43,35 @@ int late_audio_room()
     return AVI_MoviSkipLen(AVI_VideoAndAudio) - AVI_MoviSkipLen(AVI_Video);
 }
 
-static bool grow(int fd, int64_t end)
+static bool cut_to(int fd, int64_t len)
 {
-    const char zeros[128] = {};
-    if (write_whole(fd, zeros, static_cast<size_t>(late_audio_room()), end)) return true;
-
-    // What was written of it would stand between the chunks and the index.
-    while (ftruncate(fd, end) != 0 && errno == EINTR) {
-    }
-    return false;
+    int result;
+    do result = ftruncate(fd, len);
+    while (result != 0 && errno == EINTR);
+    return result == 0;
 }
 
-Moved move_chunks_up(FILE* file, int64_t end)
+// Try how much room there is by writing it. What the index is to take is given back at once.
+static bool grow(int fd, int64_t end, int64_t index)
+{
+    const char zeros[4096] = {};
+    const int64_t last = end + late_audio_room() + index;
+    for (int64_t at = end; at < last;) {
+        const size_t len = static_cast<size_t>(std::min<int64_t>(sizeof(zeros), last - at));
+        if (!write_whole(fd, zeros, len, at)) {
+            cut_to(fd, end);
+            return false;
+        }
+        at += static_cast<int64_t>(len);
+    }
+    return cut_to(fd, end + late_audio_room());
+}
+
+Moved move_chunks_up(FILE* file, int64_t end, int64_t index)
 {
     const int fd = fileno(file);
     const int64_t begin = AVI_MoviSkipLen(AVI_Video) + static_cast<int64_t>(sizeof(AVI_MoviHeader));
-    if (fflush(file) != 0 || !grow(fd, end)) return Moved::not_at_all;
+    if (fflush(file) != 0 || !grow(fd, end, index)) return Moved::not_at_all;
 
     char block[BLOCK];
     bool moved = true;

@@ -272,7 +272,8 @@ static int finish_file(TSdv2Avi& job)
     if (end < 0 || job.m_iHaveAudio == 0 || !is_laid_out_for_video(job))
         return write_headers_and_index(job, end);
 
-    const Moved moved = move_chunks_up(job.m_fsRec, end);
+    const int64_t index = int64_t{sizeof(AVI_IndexHeader)} + int64_t{held_entries()} * ENTRY_SIZE;
+    const Moved moved = move_chunks_up(job.m_fsRec, end, index);
     if (moved == Moved::not_at_all) return finish_without_audio(job, end);
 
     job.m_iMoviBeginPos += late_audio_room();

@@ -17,16 +17,12 @@ OLD = b"an older file"
 UMASK = 0o027
 
 
-def small_files():
-    resource.setrlimit(resource.RLIMIT_FSIZE, (65536, 65536))
-
-
+SMALL = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (65536, 65536))}
 # What goes wrong, the arguments, a part of the message; more for subprocess.
 FAILURES = [
     ("missing input", ["nothing.sdv", "-o", "out.avi"], "nothing.sdv: No such file"),
     ("input is a directory", ["dir", "-o", "out.avi"], "no regular file"),
     ("garbage input", ["garbage.sdv", "-o", "out.avi"], "no SDV recording"),
-    ("empty input", ["empty.sdv", "-o", "out.avi"], "no SDV recording"),
     ("no key frame", ["headers.sdv", "-o", "out.avi"], "no key frame"),
     ("wrong key", ["secret.sdv", "-o", "out.avi", "--key", OTHER_KEY], "key is wrong"),
     ("no key", ["secret.sdv", "-o", "out.avi"], "needs a key"),
@@ -36,11 +32,10 @@ FAILURES = [
     ("output in a file", ["plain.sdv", "-o", "empty.sdv/out.avi"], "Not a directory"),
     ("output is a directory", ["plain.sdv", "-o", "dir"], "is a directory"),
     ("output is a device", ["plain.sdv", "-o", "/dev/full"], "no regular file"),
-    ("same file", ["plain.sdv", "-o", "./plain.sdv"], "same file"),
     ("same file by another name", ["plain.sdv", "-o", "link.avi"], "same file"),
     ("input path too long", ["./" * 140 + "plain.sdv", "-o", "out.avi"], "longer than 259 bytes"),
     ("output path too long", ["plain.sdv", "-o", "./" * 140 + "out.avi"], "longer than 252 bytes"),
-    ("disk full", ["plain.sdv", "-o", "out.avi"], "cannot be written", {"preexec_fn": small_files}),
+    ("disk full", ["plain.sdv", "-o", "out.avi"], "cannot be written", SMALL),
 ]
 
 
@@ -110,20 +105,18 @@ def cases(work, sdv2avi, verify):
 
 def main():
     sdvmake, sdv2avi, verify, data = [Path(a).resolve() for a in sys.argv[1:5]]
-    failed = count = 0
+    failed = 0
     with tempfile.TemporaryDirectory() as name:
         work = Path(name)
         prepare(work, sdvmake, data)
         for what, check in cases(work, sdv2avi, verify):
-            count += 1
             try:
                 check()
                 print(f"ok      {what}")
             except (AssertionError, subprocess.TimeoutExpired) as reason:
                 failed += 1
                 print(f"FAILED  {what}: {reason}")
-    print(f"{count - failed} passed, {failed} failed")
-    return 1 if failed else 0
+    return f"{failed} failed" if failed else 0
 
 
 if __name__ == "__main__":

@@ -1,11 +1,12 @@
 #include "support.h"
 
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/stat.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <barrier>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -15,9 +16,8 @@
 
 TempDir::TempDir()
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quorlin-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) abort();
-    path = pattern;
+    path = (std::filesystem::temp_directory_path() / "quorlin-XXXXXX").string();
+    if (!mkdtemp(path.data())) abort();
 }
 
 TempDir::~TempDir()
@@ -28,10 +28,9 @@ TempDir::~TempDir()
 
 void write_file(const std::string& path, const Bytes& bytes)
 {
-    std::error_code ignored;
-    std::filesystem::remove(path, ignored); // emptying a file instead can make the file system wait for its disk
+    unlink(path.c_str()); // emptying a file instead can make the file system wait for its disk
     std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
     ASSERT_TRUE(out.flush()) << path;
 }
 
@@ -43,14 +42,15 @@ Bytes read_file(const std::string& path)
 
 uint64_t file_size(const std::string& path)
 {
-    struct stat status = {};
-    return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+    std::error_code none;
+    const uintmax_t size = std::filesystem::file_size(path, none);
+    return none ? 0 : size;
 }
 
 bool exists(const std::string& path)
 {
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0;
+    std::error_code unknown; // what lies in a closed directory counts as missing
+    return std::filesystem::exists(std::filesystem::symlink_status(path, unknown));
 }
 
 char* text(const std::string& path)
@@ -58,29 +58,64 @@ char* text(const std::string& path)
     return const_cast<char*>(path.c_str());
 }
 
-uint32_t number_at(const Bytes& bytes, size_t offset, size_t size)
+Word::Word(const char* four) : value(0)
 {
-    uint32_t value = 0;
-    for (size_t i = 0; i < size; ++i) value |= uint32_t(bytes.at(offset + i)) << (8 * i);
-    return value;
+    memcpy(&value, four, 4);
+}
+
+Word half(uint32_t number)
+{
+    Word word = number;
+    word.size = 2;
+    return word;
+}
+
+Bytes bytes_of(std::initializer_list<Word> list)
+{
+    Bytes bytes;
+    for (const Word& word : list)
+        for (size_t i = 0; i < word.size; ++i) bytes.push_back(uint8_t(word.value >> 8 * i));
+    return bytes;
+}
+
+Bytes with(Bytes bytes, size_t offset, const Word& word)
+{
+    for (size_t i = 0; i < word.size; ++i) bytes.at(offset + i) = uint8_t(word.value >> 8 * i);
+    return bytes;
+}
+
+Bytes part(const Bytes& bytes, size_t from, size_t to)
+{
+    return Bytes(bytes.begin() + long(from), bytes.begin() + long(std::min(to, bytes.size())));
+}
+
+Bytes operator+(Bytes left, const Bytes& right)
+{
+    sdv::append(left, right);
+    return left;
 }
 
 Bytes hex(const std::string& digits)
 {
     Bytes bytes;
     for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        bytes.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+        bytes.push_back(uint8_t(std::stoi(digits.substr(i, 2), nullptr, 16)));
     return bytes;
 }
 
 Bytes noise(size_t size, uint32_t seed)
 {
     Bytes bytes(size);
-    for (uint8_t& byte : bytes) {
-        seed = seed * 1664525u + 1013904223u;
-        byte = static_cast<uint8_t>(seed >> 24);
-    }
+    for (uint8_t& byte : bytes) byte = uint8_t((seed = seed * 1664525u + 1013904223u) >> 24);
     return bytes;
+}
+
+testing::AssertionResult same_bytes(const Bytes& got, const Bytes& want)
+{
+    if (got == want) return testing::AssertionSuccess();
+    const auto [at, other] = std::mismatch(got.begin(), got.end(), want.begin(), want.end());
+    return testing::AssertionFailure()
+           << got.size() << " bytes for " << want.size() << ", another one at " << at - got.begin();
 }
 
 std::string written_to(int fd, const std::function<void()>& work)
@@ -103,6 +138,13 @@ std::string written_to(int fd, const std::function<void()>& work)
     return caught;
 }
 
+Told told(int fd, const std::function<long()>& work)
+{
+    Told result;
+    result.second = written_to(fd, [&] { result.first = work(); });
+    return result;
+}
+
 int in_child(const std::function<int()>& work)
 {
     fflush(nullptr);
@@ -114,18 +156,25 @@ int in_child(const std::function<int()>& work)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work)
+{
+    return in_child([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit size = {rlim_t(limit), rlim_t(limit)};
+        return setrlimit(RLIMIT_FSIZE, &size) == 0 ? work() : 99;
+    });
+}
+
 void two_at_once(const std::function<void(int)>& work)
 {
-    pthread_barrier_t start;
-    pthread_barrier_init(&start, nullptr, 2);
+    std::barrier start(2);
     const auto body = [&](int who) {
-        pthread_barrier_wait(&start);
+        start.arrive_and_wait();
         work(who);
     };
     std::thread other(body, 1);
     body(0);
     other.join();
-    pthread_barrier_destroy(&start);
 }
 
 sdv::FrameFields picture(uint32_t number, size_t videoSize, uint8_t type)
@@ -134,19 +183,24 @@ sdv::FrameFields picture(uint32_t number, size_t videoSize, uint8_t type)
     frame.number = number;
     frame.type = type;
     frame.video = noise(videoSize, number);
-    for (size_t i = 0; i < videoSize; ++i) {
-        if (i < 4)
-            frame.video[i] = i == 3;
-        else if (frame.video[i] == 0)
-            frame.video[i] = 0x5A;
-    }
+    std::replace(frame.video.begin(), frame.video.end(), uint8_t(0), uint8_t(0x5A));
+    for (size_t i = 0; i < std::min<size_t>(videoSize, 4); ++i) frame.video[i] = i == 3;
     return frame;
 }
 
-Bytes recording(const std::vector<sdv::FrameFields>& frames, const sdv::FileFields& file)
+sdv::FrameFields with_audio(sdv::FrameFields frame, uint8_t code, std::vector<Bytes> before,
+                            std::vector<Bytes> after)
+{
+    frame.audioCode = code;
+    frame.audioBefore = std::move(before);
+    frame.audioAfter = std::move(after);
+    return frame;
+}
+
+Bytes recording(const Frames& frames, const sdv::FileFields& file)
 {
     sdv::FileFields header = file;
-    header.frameCount = static_cast<uint32_t>(frames.size());
+    header.frameCount = uint32_t(frames.size());
     Bytes bytes = sdv::file_header(header);
     for (const sdv::FrameFields& frame : frames) sdv::append(bytes, sdv::frame(frame));
     return bytes;
@@ -155,33 +209,23 @@ Bytes recording(const std::vector<sdv::FrameFields>& frames, const sdv::FileFiel
 Job::Job(const sdv::FileFields& header)
 {
     Initialize(8000);
-    const Bytes bytes = sdv::file_header(header);
-    memcpy(&g_tSdv2Avi.m_Header, bytes.data(), bytes.size());
+    memcpy(&g_tSdv2Avi.m_Header, sdv::file_header(header).data(), sizeof(S_FileHeader));
 }
 
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome)
+Recording::Recording(const sdv::FileFields& header) : job(header)
 {
-    return out << outcome.result << ", " << outcome.position << ", \"" << outcome.text << "\"";
+    EXPECT_EQ(StartRecord(0, path.c_str(), 1), 0);
 }
 
 Outcome convert(const std::string& in, const std::string& out)
 {
-    Outcome outcome = {};
-    outcome.text = written_to(1, [&] { outcome.result = KtConvert_SDVtoAVI(text(in), text(out)); });
-    outcome.position = g_tSdv2Avi.m_iPosition;
-    return outcome;
+    const auto [result, said] = told(1, [&] { return KtConvert_SDVtoAVI(text(in), text(out)); });
+    return {int(result), g_tSdv2Avi.m_iPosition, said};
 }
 
 Chunk video_chunk(const sdv::FrameFields& frame)
 {
     return {"00dc", frame.video, frame.type == 0};
-}
-
-std::vector<Chunk> video_chunks(const std::vector<sdv::FrameFields>& frames)
-{
-    std::vector<Chunk> chunks;
-    for (const sdv::FrameFields& frame : frames) chunks.push_back(video_chunk(frame));
-    return chunks;
 }
 
 avi::Report expect_sound(const std::string& path)
@@ -196,9 +240,16 @@ void expect_chunks(const std::string& path, const std::vector<Chunk>& want)
     const avi::Report report = expect_sound(path);
     ASSERT_EQ(report.chunks.size(), want.size());
     for (size_t i = 0; i < want.size(); ++i) {
-        EXPECT_EQ(report.chunks[i].id, want[i].id) << "chunk " << i;
-        EXPECT_EQ(report.chunks[i].key, want[i].key) << "chunk " << i;
-        EXPECT_TRUE(avi::chunk_bytes(path, report.chunks[i]) == want[i].data)
-            << "chunk " << i << ", " << report.chunks[i].size << " bytes for " << want[i].data.size();
+        SCOPED_TRACE(i);
+        EXPECT_EQ(report.chunks[i].id, want[i].id);
+        EXPECT_EQ(report.chunks[i].key, want[i].key);
+        EXPECT_TRUE(same_bytes(avi::chunk_bytes(path, report.chunks[i]), want[i].data));
     }
+}
+
+void expect_video(const std::string& path, const Frames& frames)
+{
+    std::vector<Chunk> want;
+    for (const sdv::FrameFields& frame : frames) want.push_back(video_chunk(frame));
+    expect_chunks(path, want);
 }

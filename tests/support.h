@@ -5,6 +5,8 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "Quorlin.h"
@@ -12,6 +14,7 @@
 #include "sdv_build.h"
 
 using sdv::Bytes;
+using Frames = std::vector<sdv::FrameFields>;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline const bool sanitized = true;
@@ -33,28 +36,54 @@ struct TempDir
 
 void write_file(const std::string& path, const Bytes& bytes);
 Bytes read_file(const std::string& path);
-uint64_t file_size(const std::string& path);
-bool exists(const std::string& path);
-char* text(const std::string& path); // for calls that take char* and only read
+uint64_t file_size(const std::string& path); // 0 for none
+bool exists(const std::string& path);        // also as a dangling link
+char* text(const std::string& path);         // for calls that take char* and only read
 
-uint32_t number_at(const Bytes& bytes, size_t offset, size_t size = 4); // little-endian
+// A FourCC, or a little-endian number.
+struct Word
+{
+    uint32_t value;
+    size_t size = 4;
+
+    Word(const char* four);
+    Word(uint32_t number) : value(number) {}
+    Word(int number) : value(uint32_t(number)) {}
+};
+Word half(uint32_t number); // of 16 bits
+Bytes bytes_of(std::initializer_list<Word> list);
+template <typename... Words>
+Bytes words(const Words&... list)
+{
+    return bytes_of({Word(list)...});
+}
+Bytes with(Bytes bytes, size_t offset, const Word& word);
+Bytes part(const Bytes& bytes, size_t from, size_t to); // up to to, which may lie behind the end
+Bytes operator+(Bytes left, const Bytes& right);
 Bytes hex(const std::string& digits);
 Bytes noise(size_t size, uint32_t seed);
+testing::AssertionResult same_bytes(const Bytes& got, const Bytes& want);
 
-// What work writes to a descriptor (1 or 2), buffered text included.
+// What work writes to a descriptor (1 or 2), buffered text included; and together with its result.
 std::string written_to(int fd, const std::function<void()>& work);
+using Told = std::pair<long, std::string>;
+Told told(int fd, const std::function<long()>& work);
 
-// The exit status of work in a forked child; 128 and the signal when one ended it.
+// The exit status of work in a forked child, 128 and the signal when one ended it; and of one whose files
+// cannot grow beyond a limit.
 int in_child(const std::function<int()>& work);
+int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work);
 
 // Two threads that call work(0) and work(1) as nearly at once as a barrier allows.
 void two_at_once(const std::function<void(int)>& work);
 
 // A frame whose video begins with a start code and holds no further zero byte.
 sdv::FrameFields picture(uint32_t number, size_t videoSize = 100, uint8_t type = 1);
-Bytes recording(const std::vector<sdv::FrameFields>& frames, const sdv::FileFields& file = {});
+sdv::FrameFields with_audio(sdv::FrameFields frame, uint8_t code, std::vector<Bytes> before,
+                            std::vector<Bytes> after);
+Bytes recording(const Frames& frames, const sdv::FileFields& file = {});
 
-// A prepared job for a stream with that header.
+// A prepared job for a stream with that header; and one that records to a file.
 struct Job
 {
     explicit Job(const sdv::FileFields& header = {});
@@ -62,15 +91,18 @@ struct Job
     Job& operator=(const Job&) = delete;
     ~Job() { QuorlinRelease(); }
 };
-
-struct Outcome
+struct Recording
 {
-    int result, position;
-    std::string text;
-    bool operator==(const Outcome&) const = default;
-};
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome);
+    TempDir dir;
+    Job job;
+    const std::string path = dir / "a.avi";
 
+    explicit Recording(const sdv::FileFields& header = {});
+};
+
+using Outcome = std::tuple<int, int, std::string>; // result, m_iPosition, standard output
+inline const Outcome done = {0, 100, ""}, noHeader = {-1, 0, "140217====3333TC_SDVtoAVI error"},
+                     noKeyFrame = {0, -4, "140217====8888"};
 Outcome convert(const std::string& in, const std::string& out);
 
 struct Chunk
@@ -80,8 +112,8 @@ struct Chunk
     bool key;
 };
 Chunk video_chunk(const sdv::FrameFields& frame);
-std::vector<Chunk> video_chunks(const std::vector<sdv::FrameFields>& frames);
 
-// The AVI file is sound; and it holds exactly these chunks.
+// The AVI file is sound; and it holds exactly these chunks, or the video of these frames.
 avi::Report expect_sound(const std::string& path);
 void expect_chunks(const std::string& path, const std::vector<Chunk>& want);
+void expect_video(const std::string& path, const Frames& frames);

@@ -2,7 +2,7 @@
  * platform.h: the Windows-style names that the converter's interface is written in, and a handful of
  * Windows calls on POSIX, for source code that was written against them.
  *
- * None of the calls reports anything. Result codes of type long are 0 in every case.
+ * Pointers are not NULL. None of the calls reports anything. Result codes of type long are 0 in every case.
  */
 #ifndef QUORLIN_PLATFORM_H
 #define QUORLIN_PLATFORM_H
