@@ -186,8 +186,8 @@ void let_go(Recorder& recorder)
     os_tcp_client_destroy(recorder.camera.client); // by way of on_disconnect()
 }
 
-// What is left unread after the last read in a row is announced again when more comes, which is nearly
-// always: a socket cannot hold as much as was read. For the other case there is the timer.
+// What is left unread after the last read in a row is announced with the bytes that come next. Should none
+// come, the timer reads on.
 void start_row(Recorder& recorder)
 {
     recorder.camera.readsInRow = 0;
