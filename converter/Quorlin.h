@@ -7,13 +7,16 @@
  * A whole file, in one call:
  *
  *     SetDecryptKey(key, 16);                          // only for encrypted recordings
- *     if (KtConvert_SDVtoAVI("in.sdv", "out.avi") == 0 && g_tSdv2Avi.m_iPosition == 100) ...done
+ *     if (KtConvert_SDVtoAVI("in.sdv", "out.avi") == 0 && g_tSdv2Avi.m_iPosition == 100 &&
+ *         g_tSdv2Avi.m_iTotalFrames > 0) ...done
+ *
+ * A conversion whose every frame was dropped, as with a wrong key, ends with 100 and 0 chunks.
  *
  * A stream, in pieces as they arrive:
  *
  *     Initialize(8000);
  *     memcpy(&g_tSdv2Avi.m_Header, first88Bytes, 88);
- *     StartRecord(0, "out.avi", 1);
+ *     if (StartRecord(0, "out.avi", 1) != 0) ...refused
  *     RecordAviEx(piece, length);                      // again and again
  *     StopRecordEx(0);
  *     QuorlinRelease();
@@ -28,8 +31,10 @@
  * calls must not overlap. m_iPosition and m_iIsSwitching may be read from any thread at any time (atomically,
  * where the reader's language asks for it).
  *
- * Files. Output files are created with the process's umask. Positions are 64 bits wide inside; an AVI file
- * ends below 4 GiB less 64 KiB. Only regular files and symbolic links are ever removed.
+ * Files. A conversion that fails removes the file at the output path, also one that was there before; so does
+ * one that cannot open its input any more when it begins. Output files are created with the process's umask.
+ * Positions are 64 bits wide inside; an AVI file ends below 4 GiB less 64 KiB. Only regular files and
+ * symbolic links are ever removed.
  */
 #ifndef QUORLIN_H
 #define QUORLIN_H
@@ -254,8 +259,8 @@ QUORLIN_API int Initialize(int _iAudioSampleRate);
 
 /**
  * Give back what the job owns: index blocks, lists, stream buffer, locks. An output that is still open is
- * closed without headers. The key, the paths, m_Header, m_iDestType and m_iPosition stay readable. Harmless
- * when it is called twice, or without Initialize().
+ * closed without headers. The key, the paths, m_Header, m_iDestType, m_iPosition and the counts
+ * m_iTotalFrames and m_iAudioFrames stay readable. Harmless when it is called twice, or without Initialize().
  *
  * @return 0
  */
@@ -298,7 +303,8 @@ QUORLIN_API int CA_DecryptFrame(unsigned char* _pucBuff, int _iFrameSize, unsign
  * @return 0 when a conversion ran; its outcome is m_iPosition.
  *         -1 when it was refused, "TC_SDVtoAVI error" on standard output (behind the cause's own text, see
  *         StartChange()): a path that is NULL or too long, a conversion that is still running, an input that
- *         cannot be opened or is no SDV recording, an input and an output that are the same file
+ *         cannot be opened or is no SDV recording, an input and an output that are the same file, no thread.
+ *         m_iPosition then says nothing of this call
  */
 QUORLIN_API int KtConvert_SDVtoAVI(char* _pcSrcFullPath, char* _pcDestFullPath);
 
@@ -335,6 +341,8 @@ QUORLIN_API void errorprint(char* _string);
  * m_iPosition and their texts: 100; -1 "140217====6666" input cannot be opened; -2 output cannot be started
  * or written, or would pass the size limit; -3 "140217====7777" or "140217====9999" no memory, before the
  * first frame or later; -4 "140217====8888" no key frame. A negative outcome leaves no output file.
+ *
+ * Only frames with the flag 00 00 00 02 are found (modes 21 and 41): recordings of other modes are pushed.
  *
  * @param threadp the address of g_tSdv2Avi
  * @return NULL
@@ -405,6 +413,8 @@ QUORLIN_API int RecordAvi(unsigned char* _ucData, int _iLength);
  * Finish the file: headers, movi list header, index; close it. A file without any frame is 212 bytes long.
  *
  * @param _iDDrawIndex not used
+ * Writes "ftell has error" and a line end to standard output when the file's position cannot be told.
+ *
  * @return 0, also when no file was open; 1 when something could not be written; 2 when frames were dropped
  *         because the file had reached its size limit (what it holds is sound)
  */

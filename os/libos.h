@@ -98,7 +98,8 @@ LIBOS_API void os_sleep(int32 i);
  * Logging
  *
  * Every report becomes one line on standard error. When an entry named "dbg" exists in the working directory
- * at the process's first report, every line is also appended to the file
+ * at the process's first report (mind such a file where the program is started), every line is also appended
+ * to the file
  *
  *     <path>log_YYYY-MM-DD        <path> as given to log_set_path(), empty at first
  *

@@ -25,6 +25,6 @@ need_packages() {
 
 packages_build="g++ cmake make libcli11-dev"
 packages_unit="$packages_build libgtest-dev"
-packages_test="$packages_unit googletest clang-format python3 ffmpeg
+packages_test="$packages_unit git googletest clang-format python3 ffmpeg
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   g++-arm-linux-gnueabihf qemu-user-static binutils"

@@ -136,16 +136,20 @@ std::string explain_nothing(const Options& options, const S_FileHeader& header)
            (options.key || options.keyFile ? ": the key is wrong" : ": it is encrypted and needs a key");
 }
 
-std::string explain(int outcome, const Options& options)
+std::string explain(int outcome, int mode, const Options& options)
 {
     switch (outcome) {
     case -1:
         return options.input + ": cannot be opened";
     case -2:
-        return options.output + ": cannot be written (the disk is full, or the file would pass 4 GiB)";
+        return options.output + ": cannot be written (the disk is full, a limit on file sizes is reached, or "
+                                "the file would pass 4 GiB)";
     case -3:
         return "out of memory";
     case -4:
+        if (mode == 31 || mode == 32)
+            return options.input + ": recordings of mode " + std::to_string(mode) +
+                   " can only be pushed as a stream, not converted as a file";
         return options.input + ": no key frame in it";
     default:
         return options.input + ": the conversion was refused (no thread could be started)";
@@ -176,7 +180,7 @@ int convert(const Options& options)
                     std::to_string(PathLimit - (output.path.size() - output.target.size())) + " bytes");
 
     const bool ran = run_library(options.input, output.path) == 0;
-    if (!ran || position() != 100) return fail(explain(ran ? position() : 0, options));
+    if (!ran || position() != 100) return fail(explain(ran ? position() : 0, header.Mode, options));
     uint32_t pictures = 0;
     if (!holds_frames(output.path, pictures)) return fail(explain_nothing(options, header));
     warn_of_limits(header, g_tSdv2Avi.m_iDestType == 1);
@@ -196,7 +200,11 @@ int main(int argc, char** argv)
     auto* key = app.add_option("--key", options.key, "key of an encrypted recording: up to 32 hex digits");
     app.add_option("--key-file", options.keyFile, "file that holds the key, not seen by other users")
         ->excludes(key);
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
 
     tools::fill_standard_descriptors();
     signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a write that fails, not an end without a word

@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -14,6 +15,7 @@
 #include "key.h"
 #include "sdv_build.h"
 #include "sps.h"
+#include "temp_output.h"
 
 namespace {
 
@@ -133,6 +135,9 @@ void test_header_options(const Options& options)
 
     header.FrameRate = options.rate;
     if (!IsValidFileHeader(&header)) refuse("a recording has at most 30 pictures a second");
+    if (options.mode == 31 || options.mode == 32)
+        warn("recordings of mode " + std::to_string(options.mode) +
+             " can only be pushed as a stream, not converted");
     if (options.rate == 0) warn("no player can time a recording of 0 pictures a second");
 }
 
@@ -310,7 +315,10 @@ sdv::Bytes garbage_run(std::mt19937_64& random)
 // The header describes the recording as it was before anything happened to it.
 void write_recording(const Options& options, Recording& recording, Damage& damage)
 {
-    tools::OutputFile output(options.output);
+    tools::TempOutput beside; // an older file is not touched until the new one is whole
+    std::string why;
+    if (!tools::create_temp(beside, options.output, why)) throw Failure{EXIT_IO, why};
+    tools::OutputFile output(beside.path);
     if (!output.file) fail_output(options.output);
 
     sdv::Bytes header = sdv::file_header(recording.header);
@@ -336,6 +344,7 @@ void write_recording(const Options& options, Recording& recording, Damage& damag
     if (options.truncate && !tools::cut_output(output, written - options.truncate))
         fail_output(options.output);
     if (!tools::finish_output(output)) fail_output(options.output);
+    if (!tools::commit_temp(beside, why)) throw Failure{EXIT_IO, why};
 }
 
 void make_recording(const Options& options, bool keyGiven)
@@ -358,6 +367,7 @@ void make_recording(const Options& options, bool keyGiven)
 
 int run(int argc, char** argv)
 {
+    signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a write that fails
     Options options;
     CLI::App app("Make an SDV recording from an H.264 byte stream", "sdvmake");
     add_options(app, options);
