@@ -1,15 +1,14 @@
-/* Echo server on libuv. Prints its port. */
+/* Echo server on libuv, as its guide has it: a buffer and a request for each answer. Prints its port. */
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <uv.h>
 
-typedef struct Connection
+typedef struct Answer
 {
-    uv_tcp_t tcp; /* first: the handle is the connection */
-    uv_write_t request;
-    char data[65536];
-} Connection;
+    uv_write_t request; /* first: the request is the answer */
+    char* data;
+} Answer;
 
 static void closed(uv_handle_t* handle)
 {
@@ -18,39 +17,36 @@ static void closed(uv_handle_t* handle)
 
 static void allocate(uv_handle_t* handle, size_t suggested, uv_buf_t* buffer)
 {
-    Connection* connection = (Connection*)handle;
-    (void)suggested;
-    *buffer = uv_buf_init(connection->data, sizeof(connection->data));
+    (void)handle;
+    *buffer = uv_buf_init(malloc(suggested), (unsigned)suggested);
 }
-
-static void echo(uv_stream_t* client, ssize_t got, const uv_buf_t* buffer);
 
 static void written(uv_write_t* request, int status)
 {
-    if (status == 0) uv_read_start(request->handle, allocate, echo);
+    Answer* answer = (Answer*)request;
+    (void)status;
+    free(answer->data);
+    free(answer);
 }
 
-/* Nothing is read while something waits to be sent: there is one buffer. */
 static void echo(uv_stream_t* client, ssize_t got, const uv_buf_t* buffer)
 {
-    if (got < 0) uv_close((uv_handle_t*)client, closed);
-    if (got <= 0) return;
-
+    if (got <= 0) {
+        free(buffer->base);
+        if (got < 0) uv_close((uv_handle_t*)client, closed);
+        return;
+    }
+    Answer* answer = malloc(sizeof(*answer));
+    answer->data = buffer->base;
     uv_buf_t out = uv_buf_init(buffer->base, (unsigned)got);
-    int sent = uv_try_write(client, &out, 1);
-    if (sent == got) return;
-
-    if (sent < 0) sent = 0;
-    out = uv_buf_init(buffer->base + sent, (unsigned)(got - sent));
-    uv_read_stop(client);
-    uv_write(&((Connection*)client)->request, client, &out, 1, written);
+    uv_write(&answer->request, client, &out, 1, written);
 }
 
 static void connected(uv_stream_t* server, int status)
 {
     if (status < 0) return;
-    Connection* client = malloc(sizeof(*client));
-    uv_tcp_init(server->loop, &client->tcp);
+    uv_tcp_t* client = malloc(sizeof(*client));
+    uv_tcp_init(server->loop, client);
     if (uv_accept(server, (uv_stream_t*)client) == 0)
         uv_read_start((uv_stream_t*)client, allocate, echo);
     else
