@@ -48,6 +48,7 @@ struct Watched
     std::function<void(char)> then; // runs in the callback, after it was written down
     size_t at_most = SIZE_MAX;      // to read per event
     size_t sent = 0;
+    int32 last = 0; // result of sending
 
     bool send(const std::string& whole); // what is not sent yet; false when the room ended
     int times(char what) const { return static_cast<int>(std::count(order.begin(), order.end(), what)); }

@@ -33,7 +33,7 @@ static void plain_round(int, unsigned dice)
 }
 
 // A plain peer pours until it fails, while the client on the other side is destroyed.
-static void pour_round(int listener, unsigned)
+static void pour_round(int listener, unsigned dice)
 {
     Watched watched;
     watched.at_most = 30000; // or a fast peer holds the loop
@@ -44,6 +44,7 @@ static void pour_round(int listener, unsigned)
         }
     });
     wait_for([&] { return watched.got.size() > 10000; });
+    usleep(dice % 2000); // lets the loop back in, which waited for the lock we just held
     EXPECT_EQ(os_tcp_client_destroy(watched.client), 1);
     pouring.join();
     close_with_reset(peer);
