@@ -410,11 +410,11 @@ QUORLIN_API void Inner_InitializeRecord(const char* _cFileName);
 QUORLIN_API int RecordAvi(unsigned char* _ucData, int _iLength);
 
 /**
- * Finish the file: headers, movi list header, index; close it. A file without any frame is 212 bytes long.
+ * Finish the file: headers, movi list header, index; close it. A file without any frame is 212 bytes long,
+ * or 316 when audio was found earlier in the job. "ftell has error" and a line end go to standard output when
+ * the file's position cannot be told.
  *
  * @param _iDDrawIndex not used
- * Writes "ftell has error" and a line end to standard output when the file's position cannot be told.
- *
  * @return 0, also when no file was open; 1 when something could not be written; 2 when frames were dropped
  *         because the file had reached its size limit (what it holds is sound)
  */

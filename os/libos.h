@@ -403,6 +403,8 @@ LIBOS_API int32 getcustomfunction(int _iCustomFunc);
  *
  * A callback that does not return stops everything. In particular a read callback that reads until there is
  * nothing more lets one busy peer hold the loop: read a bounded amount, then post a function that reads on.
+ * What is posted during a drain runs in the same drain: after some rounds, leave the rest to the next event
+ * or to a timer.
  *
  * Sends never raise SIGPIPE. Signals are the program's own business: the two threads have the signal mask of
  * the thread that called os_startup().
