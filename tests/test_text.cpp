@@ -28,7 +28,7 @@ TEST(HexText, DecodesPairs)
     const std::pair<std::string, std::string> cases[] = {
         {"00abFF", "\0\xAB\xFF"s}, {"abc", "\xAB"}, // odd end
         {"4gg4", "\4\4"},                           // a digit and none; none first: the byte before
-        {"zz12", "\0\x12"s},       {"12 4-1+1", "\x12\x12\x12\x12"},
+        {"zz12", "\0\x12"s},       {"12 4-1+1g7", "\x12\4\xFF\1\1"},
     };
     for (const auto& [digits, bytes] : cases) {
         std::string out(bytes.size() + 1, '#');
