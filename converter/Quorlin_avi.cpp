@@ -1,8 +1,6 @@
 #include <stddef.h>
 #include <stdio.h>
 
-#include <algorithm>
-
 #include "Quorlin_internal.h"
 
 static_assert(sizeof(AVI_FrameHeader) == 8 && sizeof(AVI_MainHeader) == 64 &&

@@ -5,9 +5,6 @@
 #include "Quorlin_internal.h"
 
 static const DWORD FLAG_KEYFRAME = 0x10;
-static const int KIND_KEY_FRAME = 0;
-static const int KIND_VIDEO = 1;
-static const int KIND_AUDIO = 5;
 
 // Put a fresh block in the place of the full one. It is taken first, so that a failure leaves all as it was.
 static bool change_block(TSdv2Avi& job)

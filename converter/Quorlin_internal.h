@@ -56,6 +56,11 @@ void forget_output_failure();
 
 // ---- index (Quorlin_index.cpp) ----
 
+// Kinds of chunks, as AVI_AddIndex() takes them.
+const int KIND_KEY_FRAME = 0;
+const int KIND_VIDEO = 1;
+const int KIND_AUDIO = 5;
+
 // Give all blocks in m_lstIndex back to the pool.
 void return_queued_blocks();
 

@@ -7,7 +7,6 @@
 static const int CODE_ALAW = 1;
 static const int CODE_MULAW = 2;
 static const int CODE_AAC = 22;
-static const int KIND_AUDIO = 5;
 static const uint32_t G711_PREFIX = 4;
 static const uint32_t ADTS_HEADER = 7;
 static const uint32_t ENTRY_SIZE = sizeof(AVI_IndexEntity);
@@ -171,7 +170,7 @@ static void write_slots(TSdv2Avi& job, unsigned char* slots, uint32_t count, uin
 static void write_video(TSdv2Avi& job, const FrameParts& frame)
 {
     const uint32_t len = frame.header.u32VStreamLen;
-    const int kind = frame.header.u8FrameType == 0 ? 0 : 1;
+    const int kind = frame.header.u8FrameType == 0 ? KIND_KEY_FRAME : KIND_VIDEO;
     if (!write_chunk(job, job.m_VideoFrameHeader, frame.video, len, kind)) return;
     if (static_cast<int32_t>(len) > job.m_iMaxFrameLen) job.m_iMaxFrameLen = static_cast<int32_t>(len);
 }
