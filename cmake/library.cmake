@@ -28,6 +28,7 @@ set(QUORLIN_SOURCES
   converter/Quorlin_index.cpp
   converter/Quorlin_decrypt.cpp
   converter/Quorlin_recorder.cpp
+  converter/Quorlin_report.cpp
   converter/Quorlin_late_audio.cpp
   converter/Quorlin_file.cpp
   converter/Quorlin_window.cpp

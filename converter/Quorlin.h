@@ -378,6 +378,38 @@ QUORLIN_API int HeaderChange(void);
  */
 QUORLIN_API int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath);
 
+/* What became of a recording's frames and bytes. Fields may be added behind these. */
+typedef struct SdvReport
+{
+    uint32_t cbSize;   /* sizeof(SdvReport), set by the caller */
+    uint32_t reserved; /* left as it is */
+    uint64_t u64FramesRecorded;
+    uint64_t u64DroppedNumber0;      /* frames numbered 0 */
+    uint64_t u64DroppedNoKey;        /* enciphered, and no usable key was set */
+    uint64_t u64DroppedWrongKey;     /* deciphered, and no start code came out */
+    uint64_t u64DroppedInconsistent; /* the parts do not lie within the frame */
+    uint64_t u64BytesSkipped;        /* in which no frame begins, or only one that is cut off */
+    uint64_t u64Gaps;                /* stretches of such bytes */
+    uint64_t u64FirstGap;            /* where the first begins; 0 without any */
+} SdvReport;
+
+/**
+ * What the last conversion or stream recorded, dropped and skipped; everything 0 after Initialize(), and when
+ * StartRecord() opens a file. From any thread, while it runs (all counts are of one moment) and after it,
+ * also after QuorlinRelease().
+ *
+ * A file conversion skips what lies between the file header and the first key frame, too, and a last frame
+ * that is cut off; positions count from the start of the file. Positions in a stream count from the first
+ * byte that the job held, or was pushed, when the file was opened; what is pushed while no file is open is
+ * not counted, and bytes that wait for the rest of their frame are not skipped yet. A frame that a file can
+ * not take any more (see StopRecord()) counts nowhere.
+ *
+ * @param _pReport the caller's record. Only the fields of this version are written, also when cbSize is
+ * larger.
+ * @return 0; -1 for NULL, or a cbSize that is too small (nothing is then written)
+ */
+QUORLIN_API int GetConversionReport(SdvReport* _pReport);
+
 /* ---------------------------------------------------------------------------------------------------------
  * Recording
  */

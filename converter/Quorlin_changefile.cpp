@@ -54,8 +54,9 @@ int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
     const int32_t frames = static_cast<int32_t>(job.m_Header.FrameCount);
     window.before_change = flush_gathered;
     begin_gathering();
-    for (int32_t i = 0; i < frames && record_next(window, fill); ++i) {
-    }
+    int32_t i = 0;
+    while (i < frames && record_next(window, fill)) ++i;
+    if (i < frames) note_skipped(window_position(window), static_cast<uint64_t>(input.size));
     end_gathering();
     if (StopRecord(1) != 0) return abandon(_cpoutpath, 2);
     return fill == Fill::no_memory ? abandon(_cpoutpath, 3) : 0;

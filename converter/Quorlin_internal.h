@@ -75,6 +75,29 @@ void begin_index();
 // As AVI_WriteMoviHeader(), for movi lists of up to 4 GiB.
 int write_movi_header(uint32_t size, AVI_MediaType type);
 
+// ---- report (Quorlin_report.cpp) ----
+
+enum class FrameFate
+{
+    recorded,
+    numbered_0,
+    no_key,
+    wrong_key,
+    inconsistent
+};
+
+void reset_report();
+void count_frame(FrameFate fate);
+
+// Bytes [from, to) of the input file were passed over.
+void note_skipped(uint64_t from, uint64_t to);
+
+// Bytes [from, to) of the stream buffer were.
+void note_skipped_in_stream(uint64_t from, uint64_t to);
+
+// The stream buffer's first len bytes are done with.
+void consume_stream(uint64_t len);
+
 // ---- recorder (Quorlin_recorder.cpp) ----
 
 // 0 all is well; 1 something could not be written; 2 the file has reached its size limit.

@@ -80,6 +80,7 @@ static void clear_recording(TSdv2Avi& job)
 int Initialize(int _iAudioSampleRate)
 {
     TSdv2Avi& job = g_tSdv2Avi;
+    reset_report();
     allocate_stream_buffer(job);
     job.m_iAudioSampleRate = _iAudioSampleRate;
     job.m_iAudioChannel = 1;

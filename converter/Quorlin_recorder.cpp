@@ -51,6 +51,7 @@ static bool open_clean_file(TSdv2Avi& job, const char* path)
     job.m_iMoviBeginPos = 0;
     job.m_iAviOffset = 4;
     begin_index();
+    reset_report();
     return true;
 }
 
@@ -188,41 +189,53 @@ BOOL CheckAudio(int _iAudioType, LPBYTE _pEncAudioData, int _iLen)
 // ---- frames
 // -------------------------------------------------------------------------------------------------
 
-// false for a frame that is numbered 0, or whose parts do not lie within its length.
-static bool take_apart(unsigned char* data, int length, FrameParts& frame)
+static FrameFate take_apart(unsigned char* data, int length, FrameParts& frame)
 {
-    if (!data || length < static_cast<int>(FRAME_HEADER_SIZE)) return false;
+    if (!data || length < static_cast<int>(FRAME_HEADER_SIZE)) return FrameFate::inconsistent;
 
     S_FrameHeader& header = frame.header;
     memcpy(&header, data, sizeof(header));
+    if (header.u32FrameNO == 0) return FrameFate::numbered_0;
+
     frame.slotsBefore = header.u16AFrames >> 8;
     frame.slotsAfter = header.u16AFrames & 0xFF;
     const uint64_t slots = uint64_t{frame.slotsBefore + frame.slotsAfter} * header.u16AFrameSize;
-    if (header.u32FrameNO == 0 ||
-        FRAME_HEADER_SIZE + slots + header.u32VStreamLen > static_cast<uint64_t>(length))
-        return false;
+    if (FRAME_HEADER_SIZE + slots + header.u32VStreamLen > static_cast<uint64_t>(length))
+        return FrameFate::inconsistent;
 
     frame.before = data + FRAME_HEADER_SIZE;
     frame.video = frame.before + frame.slotsBefore * header.u16AFrameSize;
     frame.after = frame.video + header.u32VStreamLen;
-    return true;
+    return FrameFate::recorded;
 }
 
-int RecordAvi(unsigned char* _ucData, int _iLength)
+// A frame numbered 0 is dropped for that, whatever its key.
+static FrameFate open_frame(unsigned char* data, int length, FrameParts& frame)
 {
-    TSdv2Avi& job = g_tSdv2Avi;
-    const int deciphered = CA_DecryptFrame(_ucData, _iLength, 0);
-    if (deciphered != 0 && deciphered != -3) return 0;
+    const int deciphered = CA_DecryptFrame(data, length, 0);
+    const FrameFate fate = take_apart(data, length, frame);
+    if (fate == FrameFate::numbered_0) return fate;
+    if (deciphered == -2) return FrameFate::no_key;
+    return deciphered == -4 ? FrameFate::wrong_key : fate;
+}
 
-    FrameParts frame;
-    if (!take_apart(_ucData, _iLength, frame)) return 0;
-
+static void write_frame(TSdv2Avi& job, const FrameParts& frame)
+{
     detect_audio(job, frame.header.u8ACoder);
     lay_out(job);
     write_slots(job, frame.before, frame.slotsBefore, frame.header.u16AFrameSize);
     write_video(job, frame);
     write_slots(job, frame.after, frame.slotsAfter, frame.header.u16AFrameSize);
     job.m_bWriteHead = 1;
+}
+
+int RecordAvi(unsigned char* _ucData, int _iLength)
+{
+    TSdv2Avi& job = g_tSdv2Avi;
+    FrameParts frame;
+    const FrameFate fate = open_frame(_ucData, _iLength, frame);
+    if (fate == FrameFate::recorded) write_frame(job, frame);
+    if (job.m_fsRec && (fate != FrameFate::recorded || !s_bLimitReached)) count_frame(fate);
     return 0;
 }
 

@@ -20,8 +20,14 @@ static uint32_t frame_size_at(LPBYTE at, int mode)
     return size < FRAME_HEADER_SIZE ? 0 : size;
 }
 
+static void note_gap(const TSdv2Avi& job, int32_t from, int32_t to)
+{
+    if (job.m_fsRec) note_skipped_in_stream(static_cast<uint64_t>(from), static_cast<uint64_t>(to));
+}
+
 static void keep_rest(TSdv2Avi& job, int32_t from)
 {
+    if (job.m_fsRec) consume_stream(static_cast<uint64_t>(from));
     job.m_iStreamLen -= from;
     if (from > 0) memmove(job.m_pStreamBuf, job.m_pStreamBuf + from, static_cast<size_t>(job.m_iStreamLen));
 }
@@ -34,16 +40,21 @@ int SearchAndRecordFrame(void)
     const int mode = job.m_Header.Mode;
     int result = 0;
     int32_t p = 0;
+    int32_t gap = 0; // bytes [gap, p) begin no frame
     while (job.m_iStreamLen - p >= static_cast<int32_t>(FRAME_HEADER_SIZE)) {
         const uint32_t size = frame_size_at(job.m_pStreamBuf + p, mode);
         if (size == 0) {
             p += 1;
             continue;
         }
+        note_gap(job, gap, p);
+        gap = p;
         if (size > static_cast<uint32_t>(job.m_iStreamLen - p)) break;
         if (job.m_fsRec) result = RecordAvi(job.m_pStreamBuf + p, static_cast<int>(size));
         p += static_cast<int32_t>(size);
+        gap = p;
     }
+    note_gap(job, gap, p);
     keep_rest(job, p);
     return result;
 }

@@ -106,30 +106,36 @@ static Step next_or_end(ReadWindow& window)
     return seek_frame(window, ANY_FRAME) ? Step::next : Step::end;
 }
 
-static Step end_or_no_memory(Fill fill)
+// What is left is no whole frame.
+static Step stop_before(const ReadWindow& window, Fill fill)
 {
+    note_skipped(window_position(window), window.taken);
     return fill == Fill::no_memory ? Step::no_memory : Step::end;
 }
 
 static Step convert_frame(ReadWindow& window, Progress& progress)
 {
     Fill fill = fill_window(window, FRAME_HEADER_SIZE);
-    if (fill != Fill::enough) return end_or_no_memory(fill);
+    if (fill != Fill::enough) return stop_before(window, fill);
 
     S_FrameHeader header;
     memcpy(&header, window.bytes + window.at, sizeof(header));
     const uint32_t size = header.u32FrameSize;
     // Only a header behind a frame numbered 0 can be like this: it was not tested, and is damage.
     if (size < FRAME_HEADER_SIZE || size > MAX_FILE_FRAME) {
+        note_skipped(window_position(window), window_position(window) + 1);
         window.at += 1;
         return next_or_end(window);
     }
     fill = fill_window(window, size);
-    if (fill != Fill::enough) return end_or_no_memory(fill);
+    if (fill != Fill::enough) return stop_before(window, fill);
 
     unsigned char* frame = window.bytes + window.at;
     window.at += size;
-    if (header.u32FrameNO == 0) return Step::next;
+    if (header.u32FrameNO == 0) {
+        count_frame(FrameFate::numbered_0);
+        return Step::next;
+    }
 
     RecordAvi(frame, static_cast<int>(size));
     if (recording_trouble() != 0) return Step::no_output;

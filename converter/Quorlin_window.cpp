@@ -50,20 +50,30 @@ Fill fill_window(ReadWindow& window, size_t wanted)
     if (window.before_change) window.before_change();
     if (!make_room(window, wanted)) return Fill::no_memory;
 
-    window.held += read_input(window.input, window.bytes + window.held, window.capacity - window.held);
+    const size_t got = read_input(window.input, window.bytes + window.held, window.capacity - window.held);
+    window.held += got;
+    window.taken += got;
     return window.held - window.at >= wanted ? Fill::enough : Fill::end_of_input;
+}
+
+uint64_t window_position(const ReadWindow& window)
+{
+    return window.taken - (window.held - window.at);
 }
 
 bool seek_frame(ReadWindow& window, int kind)
 {
+    const uint64_t from = window_position(window);
     while (fill_window(window, FRAME_HEADER_SIZE) == Fill::enough) {
         int found;
         const size_t len = window.held - window.at;
         if (FindFrame(window.bytes + window.at, static_cast<int>(len), &found, kind)) {
             window.at += static_cast<size_t>(found);
+            note_skipped(from, window_position(window));
             return true;
         }
         window.at = window.held - (FRAME_HEADER_SIZE - 1);
     }
+    note_skipped(from, window.taken);
     return false;
 }

@@ -9,8 +9,9 @@ struct ReadWindow
     const InputFile& input;
     unsigned char* bytes = nullptr;
     size_t capacity = 0;
-    size_t at = 0;   // where we are
-    size_t held = 0; // bytes [at, held) are still to be used
+    size_t at = 0;      // where we are
+    size_t held = 0;    // bytes [at, held) are still to be used
+    uint64_t taken = 0; // bytes of the input read so far
     // Told before bytes in the window move or give way to others.
     void (*before_change)() = nullptr;
 
@@ -33,6 +34,9 @@ bool open_window(ReadWindow& window);
 // See to it that wanted bytes lie at window.at.
 Fill fill_window(ReadWindow& window, size_t wanted);
 
-// Go to the first valid frame header at or behind window.at; kind as FindFrame() takes it. false: there is
-// none.
+// Where window.at lies in the input.
+uint64_t window_position(const ReadWindow& window);
+
+// Go to the first valid frame header at or behind window.at; kind as FindFrame() takes it. What lies before
+// it is noted as skipped, and everything up to the end (false) when there is none.
 bool seek_frame(ReadWindow& window, int kind);

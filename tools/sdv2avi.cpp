@@ -3,6 +3,7 @@
 #include "descriptors.h"
 #include "key.h"
 #include "progress.h"
+#include "report_text.h"
 #include "temp_output.h"
 
 #include <CLI/CLI.hpp>
@@ -83,8 +84,7 @@ std::optional<std::string> check_input(const std::string& path, S_FileHeader& he
 bool set_key(const Options& options, std::string& why)
 {
     std::vector<uint8_t> key;
-    if (options.key && !tools::parse_key(*options.key, key, why)) return false;
-    if (options.keyFile && !tools::read_key_file(*options.keyFile, key, why)) return false;
+    if (!tools::find_key(options.key, options.keyFile, key, why)) return false;
     SetDecryptKey(key.data(), int(key.size()));
     return true;
 }
@@ -110,30 +110,12 @@ bool holds_frames(const std::string& path, uint32_t& pictures)
     return riffSize != 0;
 }
 
-// Is the first key frame marked as enciphered?
-bool is_encrypted(const std::string& path)
+std::string explain_nothing(const std::string& input, const SdvReport& report)
 {
-    constexpr int Overlap = sizeof(S_FrameHeader);
-    std::vector<uint8_t> block(1 << 16);
-    std::ifstream file(path, std::ios::binary);
-    for (int held = 0, at = 0; file; held = Overlap) {
-        file.read(reinterpret_cast<char*>(&block[size_t(held)]), std::streamsize(block.size()) - held);
-        if (FindFrame(block.data(), held + int(file.gcount()), &at, 1)) {
-            S_FrameHeader header;
-            memcpy(&header, &block[size_t(at)], sizeof(header));
-            return (header.reserved & 3) == 2;
-        }
-        std::copy(block.end() - Overlap, block.end(), block.begin());
-    }
-    return false;
-}
-
-std::string explain_nothing(const Options& options, const S_FileHeader& header)
-{
-    const std::string what = options.input + ": no frame could be recorded";
-    if (header.Mode != 21 || !is_encrypted(options.input)) return what;
-    return what +
-           (options.key || options.keyFile ? ": the key is wrong" : ": it is encrypted and needs a key");
+    const std::string what = input + ": no frame could be recorded: ";
+    if (report.u64DroppedWrongKey) return what + "the key is wrong";
+    if (report.u64DroppedNoKey) return what + "it is encrypted and needs a key";
+    return what + tools::describe_report(report);
 }
 
 std::string explain(int outcome, int mode, const Options& options)
@@ -181,8 +163,10 @@ int convert(const Options& options)
 
     const bool ran = run_library(options.input, output.path) == 0;
     if (!ran || position() != 100) return fail(explain(ran ? position() : 0, header.Mode, options));
+    const SdvReport report = tools::conversion_report();
     uint32_t pictures = 0;
-    if (!holds_frames(output.path, pictures)) return fail(explain_nothing(options, header));
+    if (!holds_frames(output.path, pictures)) return fail(explain_nothing(options.input, report));
+    if (tools::is_anything_lost(report)) warn(options.input + ": " + tools::describe_report(report));
     warn_of_limits(header, g_tSdv2Avi.m_iDestType == 1);
     if (!tools::commit_temp(output, why)) return fail(why);
     printf("%s: %u pictures\n", options.output.c_str(), pictures);
@@ -198,7 +182,8 @@ int main(int argc, char** argv)
     app.add_option("input", options.input, "the recording")->required();
     app.add_option("-o,--output", options.output, "the AVI file (default: the input's name with .avi)");
     auto* key = app.add_option("--key", options.key, "key of an encrypted recording: up to 32 hex digits");
-    app.add_option("--key-file", options.keyFile, "file that holds the key, not seen by other users")
+    app.add_option("--key-file", options.keyFile,
+                   "file that holds the key, not seen by other users (default: $SDV_KEY)")
         ->excludes(key);
     try {
         app.parse(argc, argv);

@@ -269,10 +269,7 @@ void on_second(void* context)
 bool set_key(const Options& options, std::string& why)
 {
     std::vector<uint8_t> key;
-    const char* text = getenv("SDV_KEY");
-    if (options.keyFile ? !tools::read_key_file(*options.keyFile, key, why)
-                        : text && !tools::parse_key(text, key, why))
-        return false;
+    if (!tools::find_key(std::nullopt, options.keyFile, key, why)) return false;
     SetDecryptKey(key.data(), int(key.size()));
     return true;
 }

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -49,15 +50,29 @@ bool parse_key(const std::string& hex, std::vector<uint8_t>& key, std::string& w
 bool read_key_file(const std::string& path, std::vector<uint8_t>& key, std::string& why)
 {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "rb"), fclose);
-    if (!file) return refuse(why, "cannot open the key file: " + std::string(strerror(errno)));
+    if (!file) return refuse(why, path + ": cannot open the key file: " + std::string(strerror(errno)));
 
     std::string text(MAX_FILE_BYTES + 1, '\0');
     text.resize(fread(text.data(), 1, text.size(), file.get()));
-    if (ferror(file.get())) return refuse(why, "cannot read the key file: " + std::string(strerror(errno)));
-    if (text.size() > MAX_FILE_BYTES) return refuse(why, "the key file is too long to hold a key");
+    if (ferror(file.get()))
+        return refuse(why, path + ": cannot read the key file: " + std::string(strerror(errno)));
+    if (text.size() > MAX_FILE_BYTES) return refuse(why, path + ": too long to hold a key");
 
     text.erase(text.find_last_not_of(" \t\r\n\v\f") + 1);
-    return parse_key(text, key, why);
+    return parse_key(text, key, why) || refuse(why, path + ": " + why);
+}
+
+bool find_key(const std::optional<std::string>& hex, const std::optional<std::string>& file,
+              std::vector<uint8_t>& key, std::string& why)
+{
+    const char* variable = getenv("SDV_KEY");
+    const std::string text = variable ? variable : "";
+    unsetenv("SDV_KEY");
+    key.clear();
+    if (hex) return parse_key(*hex, key, why);
+    if (file) return read_key_file(*file, key, why);
+    if (text.empty() || parse_key(text, key, why)) return true;
+    return refuse(why, "SDV_KEY: " + why);
 }
 
 } // namespace tools

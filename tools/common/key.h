@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,5 +14,10 @@ bool parse_key(const std::string& hex, std::vector<uint8_t>& key, std::string& w
 
 // The same from a file; white space behind the digits is allowed, so a last line end does no harm.
 bool read_key_file(const std::string& path, std::vector<uint8_t>& key, std::string& why);
+
+// The key as a tool is given it: as text, in a file, or else in the environment variable SDV_KEY, which is
+// taken out of the environment so that no child sees it. None given is fine: `key` is then empty.
+bool find_key(const std::optional<std::string>& hex, const std::optional<std::string>& file,
+              std::vector<uint8_t>& key, std::string& why);
 
 } // namespace tools
