@@ -1,12 +1,11 @@
 // sdv2avi: an SDV recording becomes an AVI file. The output appears under its name only when it is complete.
 #include "Quorlin.h"
+#include "cli.h"
 #include "descriptors.h"
 #include "key.h"
 #include "progress.h"
 #include "report_text.h"
 #include "temp_output.h"
-
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <array>
@@ -178,18 +177,16 @@ int convert(const Options& options)
 int main(int argc, char** argv)
 {
     Options options;
-    CLI::App app{"Convert an SDV recording to an AVI file."};
+    CLI::App app{"Convert an SDV recording to an AVI file.", "sdv2avi"};
     app.add_option("input", options.input, "the recording")->required();
     app.add_option("-o,--output", options.output, "the AVI file (default: the input's name with .avi)");
     auto* key = app.add_option("--key", options.key, "key of an encrypted recording: up to 32 hex digits");
     app.add_option("--key-file", options.keyFile,
                    "file that holds the key, not seen by other users (default: $SDV_KEY)")
         ->excludes(key);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 2;
-    }
+    cli::complete(app,
+                  {"sdv2avi IN.sdv -o OUT.avi\nsdv2avi --key-file camera.key IN.sdv", {{cli::Failed, ""}}});
+    if (const auto over = cli::parse(app, argc, argv)) return *over;
 
     tools::fill_standard_descriptors();
     signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a write that fails, not an end without a word

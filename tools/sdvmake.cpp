@@ -1,6 +1,4 @@
 // sdvmake: an SDV recording from an H.264 byte stream and, if wanted, audio; with damage for tests.
-#include <CLI/CLI.hpp>
-
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -11,6 +9,7 @@
 #include "adts.h"
 #include "annexb.h"
 #include "audio_slots.h"
+#include "cli.h"
 #include "files.h"
 #include "key.h"
 #include "sdv_build.h"
@@ -19,8 +18,6 @@
 
 namespace {
 
-const int EXIT_IO = 1;
-const int EXIT_USAGE = 2;
 const uint32_t MAX_FRAME_SIZE = 0x100000;
 const uint16_t TIMING_RATE = 25; // pictures a second where the recording names none
 const uint32_t MAX_GARBAGE_RUN = 40000;
@@ -66,12 +63,12 @@ struct Failure
 
 [[noreturn]] void refuse(const std::string& why)
 {
-    throw Failure{EXIT_USAGE, why};
+    throw Failure{cli::Usage, why};
 }
 
 [[noreturn]] void fail_output(const std::string& path)
 {
-    throw Failure{EXIT_IO, "cannot write " + path + ": " + strerror(errno)};
+    throw Failure{cli::Failed, "cannot write " + path + ": " + strerror(errno)};
 }
 
 void warn(const std::string& text)
@@ -83,7 +80,7 @@ sdv::Bytes read_input(const std::string& path)
 {
     sdv::Bytes bytes;
     std::string why;
-    if (!tools::read_file(path, bytes, why)) throw Failure{EXIT_IO, why};
+    if (!tools::read_file(path, bytes, why)) throw Failure{cli::Failed, why};
     return bytes;
 }
 
@@ -317,7 +314,7 @@ void write_recording(const Options& options, Recording& recording, Damage& damag
 {
     tools::TempOutput beside; // an older file is not touched until the new one is whole
     std::string why;
-    if (!tools::create_temp(beside, options.output, why)) throw Failure{EXIT_IO, why};
+    if (!tools::create_temp(beside, options.output, why)) throw Failure{cli::Failed, why};
     tools::OutputFile output(beside.path);
     if (!output.file) fail_output(options.output);
 
@@ -344,7 +341,7 @@ void write_recording(const Options& options, Recording& recording, Damage& damag
     if (options.truncate && !tools::cut_output(output, written - options.truncate))
         fail_output(options.output);
     if (!tools::finish_output(output)) fail_output(options.output);
-    if (!tools::commit_temp(beside, why)) throw Failure{EXIT_IO, why};
+    if (!tools::commit_temp(beside, why)) throw Failure{cli::Failed, why};
 }
 
 void make_recording(const Options& options, bool keyGiven)
@@ -371,12 +368,13 @@ int run(int argc, char** argv)
     Options options;
     CLI::App app("Make an SDV recording from an H.264 byte stream", "sdvmake");
     add_options(app, options);
+    cli::complete(app, {"sdvmake clip.h264 -o clip.sdv\n"
+                        "sdvmake clip.h264 --audio tone.aac --audio-code aac -o clip.sdv",
+                        {{cli::Failed, ""}}});
+    if (const auto over = cli::parse(app, argc, argv)) return *over;
     try {
-        app.parse(argc, argv);
         make_recording(options, app.count("--key") + app.count("--key-file") > 0);
         return 0;
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : EXIT_USAGE;
     } catch (const Failure& failure) {
         fprintf(stderr, "sdvmake: %s\n", failure.why.c_str());
         return failure.exitCode;
@@ -391,6 +389,6 @@ int main(int argc, char** argv)
         return run(argc, argv);
     } catch (const std::exception& error) {
         fprintf(stderr, "sdvmake: %s\n", error.what());
-        return EXIT_IO;
+        return cli::Failed;
     }
 }

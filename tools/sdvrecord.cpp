@@ -2,11 +2,10 @@
 // to a camera and its files happens in callbacks of the event loop; the main thread waits for signals.
 #include "Quorlin.h"
 #include "avi_files.h"
+#include "cli.h"
 #include "descriptors.h"
 #include "frame_cutter.h"
 #include "key.h"
-
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -370,7 +369,8 @@ int main(int argc, char** argv)
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
     app.add_flag("--once", options.once, "end after the first camera");
-    CLI11_PARSE(app, argc, argv);
+    cli::complete(app, {"sdvrecord --listen 0.0.0.0:9000 --out recordings", {{cli::Failed, ""}}});
+    if (const auto over = cli::parse(app, argc, argv)) return *over;
 
     tools::fill_standard_descriptors();
     return run(options);

@@ -1,13 +1,9 @@
 #include "report_text.h"
+#include "human.h"
 
 namespace tools {
 
 namespace {
-
-std::string counted(uint64_t count, const char* what)
-{
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
 
 std::string dropped(const SdvReport& report)
 {
