@@ -399,10 +399,10 @@ typedef struct SdvReport
  * also after QuorlinRelease().
  *
  * A file conversion skips what lies between the file header and the first key frame, too, and a last frame
- * that is cut off; positions count from the start of the file. Positions in a stream count from the first
- * byte that the job held, or was pushed, when the file was opened; what is pushed while no file is open is
- * not counted, and bytes that wait for the rest of their frame are not skipped yet. A frame that a file can
- * not take any more (see StopRecord()) counts nowhere.
+ * that is cut off, and, after a read error, everything behind it; positions count from the start of the file.
+ * Positions in a stream count from the first byte that the job held, or was pushed, when the file was opened;
+ * what is pushed while no file is open is not counted, and bytes that wait for the rest of their frame are
+ * not skipped yet. A frame that a file can not take any more (see StopRecord()) counts nowhere.
  *
  * @param _pReport the caller's record. Only the fields of this version are written, also when cbSize is
  * larger.

@@ -56,7 +56,7 @@ int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
     begin_gathering();
     int32_t i = 0;
     while (i < frames && record_next(window, fill)) ++i;
-    if (i < frames) note_skipped(window_position(window), static_cast<uint64_t>(input.size));
+    if (i < frames) note_skipped(window_position(window), input_end(window));
     end_gathering();
     if (StopRecord(1) != 0) return abandon(_cpoutpath, 2);
     return fill == Fill::no_memory ? abandon(_cpoutpath, 3) : 0;

@@ -109,7 +109,7 @@ static Step next_or_end(ReadWindow& window)
 // What is left is no whole frame.
 static Step stop_before(const ReadWindow& window, Fill fill)
 {
-    note_skipped(window_position(window), window.taken);
+    note_skipped(window_position(window), input_end(window));
     return fill == Fill::no_memory ? Step::no_memory : Step::end;
 }
 

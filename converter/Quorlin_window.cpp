@@ -61,6 +61,11 @@ uint64_t window_position(const ReadWindow& window)
     return window.taken - (window.held - window.at);
 }
 
+uint64_t input_end(const ReadWindow& window)
+{
+    return std::max(window.taken, static_cast<uint64_t>(window.input.size));
+}
+
 bool seek_frame(ReadWindow& window, int kind)
 {
     const uint64_t from = window_position(window);
@@ -74,6 +79,6 @@ bool seek_frame(ReadWindow& window, int kind)
         }
         window.at = window.held - (FRAME_HEADER_SIZE - 1);
     }
-    note_skipped(from, window.taken);
+    note_skipped(from, input_end(window));
     return false;
 }

@@ -37,6 +37,9 @@ Fill fill_window(ReadWindow& window, size_t wanted);
 // Where window.at lies in the input.
 uint64_t window_position(const ReadWindow& window);
 
+// Where the input ends. What a read error, or another program that cuts the file, keeps from us counts too.
+uint64_t input_end(const ReadWindow& window);
+
 // Go to the first valid frame header at or behind window.at; kind as FindFrame() takes it. What lies before
 // it is noted as skipped, and everything up to the end (false) when there is none.
 bool seek_frame(ReadWindow& window, int kind);
