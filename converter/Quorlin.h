@@ -301,9 +301,9 @@ QUORLIN_API int CA_DecryptFrame(unsigned char* _pucBuff, int _iFrameSize, unsign
  * @param _pcSrcFullPath  the SDV file, a path of at most 259 bytes
  * @param _pcDestFullPath the AVI file, likewise; created or overwritten
  * @return 0 when a conversion ran; its outcome is m_iPosition.
- *         -1 when it was refused, "TC_SDVtoAVI error" on standard output (behind the cause's own text, see
- *         StartChange()): a path that is NULL or too long, a conversion that is still running, an input that
- *         cannot be opened or is no SDV recording, an input and an output that are the same file, no thread.
+ *         -1 when it was refused, "TC_SDVtoAVI error" on standard output: a path that is NULL or too long, a
+ *         conversion that is still running, no thread; behind the text of StartChange(): an input that
+ *         cannot be opened or is no SDV recording, an input and an output that are the same file.
  *         m_iPosition then says nothing of this call
  */
 QUORLIN_API int KtConvert_SDVtoAVI(char* _pcSrcFullPath, char* _pcDestFullPath);
@@ -447,8 +447,9 @@ QUORLIN_API int RecordAvi(unsigned char* _ucData, int _iLength);
  * the file's position cannot be told.
  *
  * @param _iDDrawIndex not used
- * @return 0, also when no file was open; 1 when something could not be written; 2 when frames were dropped
- *         because the file had reached its size limit (what it holds is sound)
+ * @return 0, also when no file was open; 1 when something could not be written, or a chunk could not be
+ *         indexed for want of memory; 2 when frames were dropped because the file had reached its size limit
+ *         (what it holds is sound)
  */
 QUORLIN_API int StopRecord(int _iDDrawIndex);
 

@@ -263,7 +263,7 @@ static int write_hdrl(const AVI_Header& summary, AVI_MediaType type)
     hdrl.avih.dwSuggestedBufferSize = static_cast<DWORD>(summary.iFrameMaxSize) + BUFFER_SLACK;
     hdrl.avih.dwWidth = static_cast<DWORD>(summary.iWidth);
     hdrl.avih.dwHeight = static_cast<DWORD>(summary.iHeight);
-    fseeko(g_tSdv2Avi.m_fsRec, 0, SEEK_SET);
+    seek_file(0, SEEK_SET);
     write_record(hdrl);
     return 0;
 }
@@ -321,11 +321,10 @@ int AVI_WriteFileHeader(AVI_Header _aviHeader, AVI_MediaType _mediaType)
 
 int write_movi_header(uint32_t size, AVI_MediaType type)
 {
-    FILE* file = g_tSdv2Avi.m_fsRec;
-    if (!file) return 1;
+    if (!g_tSdv2Avi.m_fsRec) return 1;
 
     AVI_MoviHeader movi = {fourcc("LIST"), size, fourcc("movi")};
-    fseeko(file, AVI_MoviSkipLen(type), SEEK_SET);
+    seek_file(AVI_MoviSkipLen(type), SEEK_SET);
     write_record(movi);
     return 0;
 }

@@ -49,12 +49,11 @@ int AVI_AddIndex(int _iDataLen, int _iFrameType)
 
 int AVI_WriteIndexHeader(int _iTotalFrames)
 {
-    FILE* file = g_tSdv2Avi.m_fsRec;
-    if (!file || _iTotalFrames <= 0) return 1;
+    if (!g_tSdv2Avi.m_fsRec || _iTotalFrames <= 0) return 1;
 
     AVI_IndexHeader header = {fourcc("idx1"),
                               static_cast<DWORD>(_iTotalFrames) * DWORD{sizeof(AVI_IndexEntity)}};
-    fseeko(file, 0, SEEK_END);
+    seek_file(0, SEEK_END);
     WriteTofile(reinterpret_cast<UCHAR*>(&header), sizeof(header));
     return 0;
 }

@@ -50,7 +50,10 @@ void flush_gathered();
 int64_t output_position();
 void seek_output(int64_t position);
 
-// Has any write to the open file failed?
+// While nothing is gathered. What follows a seek that fails would be written to the wrong place.
+void seek_file(int64_t position, int whence);
+
+// Has any write to the open file failed, or a seek?
 bool output_failed();
 void forget_output_failure();
 
@@ -100,7 +103,10 @@ void consume_stream(uint64_t len);
 
 // ---- recorder (Quorlin_recorder.cpp) ----
 
-// 0 all is well; 1 something could not be written; 2 the file has reached its size limit.
+// Was a chunk written without an entry in the index, for want of memory?
+bool index_entry_lost();
+
+// 0 all is well; 1 something could not be written, or indexed; 2 the file has reached its size limit.
 int recording_trouble();
 
 // ---- late audio (Quorlin_late_audio.cpp) ----

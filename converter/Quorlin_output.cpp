@@ -84,6 +84,11 @@ void flush_gathered()
     s_gather.pending = 0;
 }
 
+void seek_file(int64_t position, int whence)
+{
+    if (fseeko(g_tSdv2Avi.m_fsRec, position, whence) != 0) s_gather.failed = true;
+}
+
 void begin_gathering()
 {
     FILE* file = g_tSdv2Avi.m_fsRec;
@@ -99,7 +104,7 @@ void end_gathering()
     if (!s_gather.on) return;
     flush_gathered();
     s_gather.on = false;
-    fseeko(g_tSdv2Avi.m_fsRec, s_gather.position, SEEK_SET);
+    seek_file(s_gather.position, SEEK_SET);
 }
 
 int WriteTofile(UCHAR* _dataBuf, int _idataLen)
@@ -127,7 +132,7 @@ void seek_output(int64_t position)
     if (s_gather.on)
         s_gather.position = position;
     else
-        fseeko(g_tSdv2Avi.m_fsRec, position, SEEK_SET);
+        seek_file(position, SEEK_SET);
 }
 
 bool output_failed()

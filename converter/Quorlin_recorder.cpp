@@ -17,6 +17,9 @@ static const int64_t FILE_LIMIT = (int64_t{4} << 30) - (int64_t{64} << 10);
 // Set when a chunk did not fit the open file any more. Everything after it is left out.
 static bool s_bLimitReached;
 
+// Set when there was no memory for the entry of a chunk: players that go by the index miss that chunk.
+static bool s_bEntryLost;
+
 // A frame taken apart; every part lies inside it.
 struct FrameParts
 {
@@ -27,6 +30,13 @@ struct FrameParts
     uint32_t slotsBefore;
     uint32_t slotsAfter;
 };
+
+static void forget_trouble()
+{
+    s_bLimitReached = false;
+    s_bEntryLost = false;
+    forget_output_failure();
+}
 
 // ---- starting
 // -----------------------------------------------------------------------------------------------
@@ -43,8 +53,7 @@ static bool open_clean_file(TSdv2Avi& job, const char* path)
     Inner_InitializeRecord(path);
     if (!job.m_fsRec) return false;
 
-    s_bLimitReached = false;
-    forget_output_failure();
+    forget_trouble();
     job.m_iTotalFrames = 0;
     job.m_iAudioFrames = 0;
     job.m_iMaxFrameLen = 0;
@@ -129,7 +138,7 @@ static bool write_chunk(TSdv2Avi& job, AVI_FrameHeader& header, unsigned char* d
     header.dwFrameSize = len;
     WriteTofile(reinterpret_cast<UCHAR*>(&header), sizeof(header));
     WriteTofile(data, static_cast<int>(len));
-    AVI_AddIndex(static_cast<int>(len), kind);
+    if (AVI_AddIndex(static_cast<int>(len), kind) != 0) s_bEntryLost = true;
     UCHAR pad = '0';
     if (len & 1) WriteTofile(&pad, 1);
     job.m_iTotalFrames += 1;
@@ -239,9 +248,14 @@ int RecordAvi(unsigned char* _ucData, int _iLength)
     return 0;
 }
 
+bool index_entry_lost()
+{
+    return s_bEntryLost;
+}
+
 int recording_trouble()
 {
-    if (output_failed()) return 1;
+    if (output_failed() || s_bEntryLost) return 1;
     return s_bLimitReached ? 2 : 0;
 }
 
@@ -303,8 +317,7 @@ int StopRecord(int)
     const int trouble = recording_trouble();
     if (fclose(job.m_fsRec) != 0 || trouble == 1) result = 1;
     job.m_fsRec = nullptr;
-    s_bLimitReached = false;
-    forget_output_failure();
+    forget_trouble();
     return result == 0 ? trouble : 1;
 }
 

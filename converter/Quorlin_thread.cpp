@@ -138,6 +138,7 @@ static Step convert_frame(ReadWindow& window, Progress& progress)
     }
 
     RecordAvi(frame, static_cast<int>(size));
+    if (index_entry_lost()) return Step::no_memory;
     if (recording_trouble() != 0) return Step::no_output;
     advance(progress, size);
     return next_or_end(window);
