@@ -166,6 +166,9 @@ static bool make_slots(Slot*& slots, uint32& max, uint32 count, SlotMap& free_sl
     opens = static_cast<uint32*>(calloc(room, sizeof(uint32)));
     if (!made || !opens) {
         os_report_errno("malloc %s fail", name);
+        free(made);
+        free(opens);
+        opens = nullptr;
         return false;
     }
     for (uint32 i = 0; i < count; ++i) made[i].index = -1;

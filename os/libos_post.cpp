@@ -20,6 +20,7 @@ void run_posted()
     ListGuard guard(s_ls_main_thread_func);
     while (DListNode* node = adt_dlist_head(s_ls_main_thread_func)) {
         LMainThreadFunc* call;
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): the list holds pointers
         memcpy(&call, adt_dlist_getdata(node), sizeof(call));
         call->func(call->context);
         free(call);

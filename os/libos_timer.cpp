@@ -13,6 +13,7 @@ static DListNode* s_walk_next = nullptr;
 static LTimer* timer_in(DListNode* node)
 {
     LTimer* timer;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the list holds pointers
     memcpy(&timer, adt_dlist_getdata(node), sizeof(timer));
     return timer;
 }
