@@ -57,8 +57,7 @@ set_target_properties(quorlin PROPERTIES
 target_include_directories(quorlin PUBLIC
   $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/converter>
   $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/os>
-  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/util>
-  $<INSTALL_INTERFACE:include/quorlin>)
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/util>)
 target_compile_definitions(quorlin PRIVATE QUORLIN_BUILDING _FILE_OFFSET_BITS=64)
 target_compile_options(quorlin PRIVATE
   -Wconversion -Wno-sign-conversion
