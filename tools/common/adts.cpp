@@ -1,5 +1,6 @@
 #include "adts.h"
 
+#include <algorithm>
 #include <iterator>
 
 namespace adts {
@@ -57,6 +58,22 @@ Split split(std::span<const uint8_t> stream)
         }
     }
     return result;
+}
+
+std::vector<uint8_t> frame(std::span<const uint8_t> data, uint32_t sampleRate)
+{
+    const auto known = std::find(std::begin(RATES), std::end(RATES), sampleRate);
+    const size_t rate = static_cast<size_t>((known == std::end(RATES) ? &RATES[11] : known) - RATES);
+    const size_t length = data.size() + 7;
+    std::vector<uint8_t> bytes = {0xFF,
+                                  0xF1, // no CRC
+                                  static_cast<uint8_t>(1 << 6 | rate << 2),
+                                  static_cast<uint8_t>(2 << 6 | length >> 11),
+                                  static_cast<uint8_t>(length >> 3),
+                                  static_cast<uint8_t>(length << 5 | 0x1F),
+                                  0xFC};
+    bytes.insert(bytes.end(), data.begin(), data.end());
+    return bytes;
 }
 
 } // namespace adts

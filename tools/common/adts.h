@@ -9,6 +9,7 @@
 namespace adts {
 
 const uint32_t SAMPLES_PER_FRAME = 1024;
+const size_t MAX_FRAME = 8191; // header included
 
 struct Header
 {
@@ -37,5 +38,8 @@ bool read_header(std::span<const uint8_t> bytes, Header& header);
 // Whole frames only. Bytes between them, and a frame torn at the end, are skipped and counted. Behind skipped
 // bytes a frame counts only when another header or the end of the stream follows it.
 Split split(std::span<const uint8_t> stream);
+
+// A frame of AAC LC in stereo, which MAX_FRAME has to hold; 8000 Hz where ADTS does not know the rate.
+std::vector<uint8_t> frame(std::span<const uint8_t> data, uint32_t sampleRate);
 
 } // namespace adts

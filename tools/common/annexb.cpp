@@ -82,6 +82,15 @@ std::vector<AccessUnit> split_access_units(std::span<const uint8_t> stream, std:
     return units;
 }
 
+uint8_t first_slice_type(std::span<const uint8_t> unit)
+{
+    for (size_t at = find_start_code(unit, 0); at + 3 < unit.size(); at = find_start_code(unit, at + 3)) {
+        const uint8_t type = unit[at + 3] & 0x1F;
+        if (is_slice(type)) return type;
+    }
+    return 0;
+}
+
 std::vector<uint8_t> with_long_start_code(std::span<const uint8_t> unit)
 {
     std::vector<uint8_t> bytes;

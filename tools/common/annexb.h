@@ -30,6 +30,9 @@ std::vector<Nal> split_nals(std::span<const uint8_t> stream);
 // One for every picture. Parameter sets behind the last picture stay with it; without any slice, none.
 std::vector<AccessUnit> split_access_units(std::span<const uint8_t> stream, std::span<const Nal> nals);
 
+// The NAL type of an access unit's first slice, 5 for a key picture; 0 when there is none in these bytes.
+uint8_t first_slice_type(std::span<const uint8_t> unit);
+
 // The bytes of an access unit or NAL unit, with a 4-byte start code in front even where it had 3.
 std::vector<uint8_t> with_long_start_code(std::span<const uint8_t> unit);
 

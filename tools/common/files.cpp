@@ -1,5 +1,6 @@
 #include "files.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,6 +40,24 @@ bool same_file(const std::string& a, const std::string& b)
     return statA.st_dev == statB.st_dev && statA.st_ino == statB.st_ino;
 }
 
+bool exists(const std::string& path)
+{
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0;
+}
+
+// Not every file system can rename without replacing, nor link.
+bool rename_new(const std::string& from, const std::string& to)
+{
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    if (link(from.c_str(), to.c_str()) == 0) return unlink(from.c_str()) == 0;
+    if (errno == EEXIST) return false;
+    if (!exists(to)) return rename(from.c_str(), to.c_str()) == 0;
+    errno = EEXIST;
+    return false;
+}
+
 OutputFile::OutputFile(const std::string& name) : path(name), file(fopen(name.c_str(), "wb")) {}
 
 OutputFile::~OutputFile()
@@ -52,7 +71,7 @@ OutputFile::~OutputFile()
 
 bool write_output(OutputFile& output, std::span<const uint8_t> bytes)
 {
-    return fwrite(bytes.data(), 1, bytes.size(), output.file) == bytes.size();
+    return bytes.empty() || fwrite(bytes.data(), 1, bytes.size(), output.file) == bytes.size();
 }
 
 bool rewrite_start(OutputFile& output, std::span<const uint8_t> bytes)

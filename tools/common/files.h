@@ -15,6 +15,12 @@ bool read_file(const std::string& path, std::vector<uint8_t>& bytes, std::string
 // Two names of one existing file?
 bool same_file(const std::string& a, const std::string& b);
 
+// Is there anything by that name, be it a link that leads nowhere?
+bool exists(const std::string& path);
+
+// Rename a file to a name that nobody has. False, and errno, EEXIST when somebody has it.
+bool rename_new(const std::string& from, const std::string& to);
+
 // An output file. Unless finish_output() succeeded, it is closed and removed when the record goes; only a
 // regular file is ever removed. The calls give false, and errno, on failure.
 struct OutputFile

@@ -32,6 +32,8 @@ bool refuse(std::string& why, const std::string& reason)
 bool parse_key(const std::string& hex, std::vector<uint8_t>& key, std::string& why)
 {
     if (hex.empty()) return refuse(why, "the key is empty");
+    if (hex.starts_with("0x") || hex.starts_with("0X"))
+        return refuse(why, "the key begins with 0x: give the hex digits alone");
     if (hex.size() > 2 * MAX_KEY_BYTES) return refuse(why, "the key is longer than 16 bytes (32 hex digits)");
 
     std::vector<uint8_t> bytes;

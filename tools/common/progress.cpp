@@ -1,56 +1,66 @@
 #include "progress.h"
+#include "human.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <string>
-#include <system_error>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace tools {
 namespace {
 
-constexpr int Width = 40;
+constexpr size_t FigureWidth = 40;
 
-void draw(int percent)
+size_t terminal_width()
 {
-    percent = std::clamp(percent, 0, 100);
-    const std::string done(size_t(percent * Width / 100), '#');
-    fprintf(stderr, "\r[%-*s] %3d%%", Width, done.c_str(), percent);
-    fflush(stderr);
+    winsize size{};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
-void run(Progress& progress, int (*percent)())
+// The end of a name tells more than its beginning. Bytes that go on a UTF-8 character take no column.
+std::string last_columns(const std::string& text, size_t columns)
 {
-    std::unique_lock guard(progress.lock);
-    while (!progress.ended.wait_for(guard, std::chrono::milliseconds(100), [&] { return progress.over; }))
-        draw(percent());
-    fprintf(stderr, "\r%*s\r", Width + 7, "");
-    fflush(stderr);
+    size_t at = text.size();
+    while (at > 0 && columns > 0)
+        if ((uint8_t(text[--at]) & 0xC0) != 0x80) --columns;
+    return text.substr(at);
+}
+
+std::string figures(const Running& running)
+{
+    const double speed = running.seconds > 0 ? double(running.done) / running.seconds : 0;
+    char text[80];
+    if (running.total == 0) {
+        snprintf(text, sizeof(text), "%10s %7.1f MB/s", human_bytes(running.done).c_str(), speed / 1e6);
+        return text;
+    }
+    const uint64_t done = std::min(running.done, running.total);
+    const std::string left = speed > 0 ? human_duration(double(running.total - done) / speed) : "-:--";
+    snprintf(text, sizeof(text), "%3d%% %7.1f MB/s %8s left", int(done * 100 / running.total), speed / 1e6,
+             left.c_str());
+    return text;
 }
 
 } // namespace
 
-Progress::~Progress()
+void draw_progress(Progress& progress, const std::vector<Running>& running)
 {
-    if (!drawer.joinable()) return;
-    {
-        std::lock_guard guard(lock);
-        over = true;
-    }
-    ended.notify_one();
-    drawer.join();
+    if (!progress.shown) return;
+    const size_t width = terminal_width();
+    wipe_progress(progress);
+    for (const Running& one : running)
+        fprintf(stderr, "%s  %s\n", figures(one).c_str(),
+                last_columns(printable(one.name), width > FigureWidth ? width - FigureWidth : 1).c_str());
+    progress.lines = running.size();
+    fflush(stderr);
 }
 
-void start_progress(Progress& progress, int (*percent)())
+void wipe_progress(Progress& progress)
 {
-    if (!isatty(STDERR_FILENO)) return;
-    try {
-        progress.drawer = std::thread(run, std::ref(progress), percent);
-    } catch (const std::system_error&) {
-        // no bar then: the work is what counts
-    }
+    if (progress.lines) fprintf(stderr, "\033[%zuA\r\033[J", progress.lines);
+    progress.lines = 0;
+    fflush(stderr);
 }
 
 } // namespace tools

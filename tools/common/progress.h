@@ -1,27 +1,28 @@
-// A progress bar on standard error, drawn by a thread of its own while the work goes on elsewhere.
+// One line on standard error for each conversion that runs, drawn over the lines before.
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
-#include <thread>
+#include <cstdint>
+#include <string>
+#include <vector>
 
 namespace tools {
 
-struct Progress
+struct Running
 {
-    std::mutex lock;
-    std::condition_variable ended;
-    bool over = false;
-    std::thread drawer;
-
-    Progress() = default;
-    ~Progress(); // wipes the bar
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
+    std::string name;
+    uint64_t done, total; // bytes; a total of 0 is not known
+    double seconds;       // since it began
 };
 
-// Draw until the record goes. `percent` is called on the drawing thread and gives 0 to 100. Does nothing when
-// standard error is no terminal.
-void start_progress(Progress& progress, int (*percent)());
+struct Progress
+{
+    bool shown = false; // to be set where standard error is a terminal
+    size_t lines = 0;   // that stand there now
+};
+
+void draw_progress(Progress& progress, const std::vector<Running>& running);
+
+// Nothing stays behind; to be called before anything else is written.
+void wipe_progress(Progress& progress);
 
 } // namespace tools

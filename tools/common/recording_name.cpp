@@ -1,11 +1,11 @@
 #include "recording_name.h"
+#include "files.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tools {
@@ -13,12 +13,6 @@ namespace {
 
 constexpr int MaxNumber = 100000;
 constexpr int FirstYear = 2000; // before it, a clock that was never set
-
-bool exists(const std::string& path)
-{
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0;
-}
 
 // True when the part file was made. Otherwise errno says why, EEXIST when the name belongs to somebody.
 bool take(const RecordingName& name)
@@ -29,18 +23,6 @@ bool take(const RecordingName& name)
     close(fd);
     if (!exists(name.final_name())) return true;
     unlink(part.c_str());
-    errno = EEXIST;
-    return false;
-}
-
-// Not every file system can rename without replacing, nor link.
-bool move(const std::string& from, const std::string& to)
-{
-    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
-    if (errno != EINVAL && errno != ENOSYS) return false;
-    if (link(from.c_str(), to.c_str()) == 0) return unlink(from.c_str()) == 0;
-    if (errno == EEXIST) return false;
-    if (!exists(to)) return rename(from.c_str(), to.c_str()) == 0;
     errno = EEXIST;
     return false;
 }
@@ -73,6 +55,15 @@ time_t local_now()
     return timegm(&date);
 }
 
+std::string date_name(time_t start)
+{
+    char text[64];
+    tm date{};
+    gmtime_r(&start, &date);
+    strftime(text, sizeof(text), "%Y%m%d-%H%M%S", &date);
+    return text;
+}
+
 std::string RecordingName::final_name() const
 {
     return stem + (number == 1 ? "" : "-" + std::to_string(number)) + ".avi";
@@ -85,11 +76,7 @@ std::string RecordingName::part_name() const
 
 bool take_name(RecordingName& name, const std::string& directory, time_t start, std::string& why)
 {
-    char text[64];
-    tm date{};
-    gmtime_r(&start, &date);
-    strftime(text, sizeof(text), "%Y%m%d-%H%M%S", &date);
-    name.stem = directory + "/" + text;
+    name.stem = directory + "/" + date_name(start);
     for (name.number = 1; name.number < MaxNumber; ++name.number) {
         if (take(name)) return true;
         if (errno != EEXIST) break;
@@ -102,7 +89,7 @@ bool publish_name(RecordingName& name, std::string& why)
 {
     const std::string part = name.part_name();
     for (; name.number < MaxNumber; ++name.number) {
-        if (move(part, name.final_name())) return true;
+        if (rename_new(part, name.final_name())) return true;
         if (errno != EEXIST) break;
     }
     why = part + ": " + strerror(errno);

@@ -17,6 +17,9 @@ std::optional<time_t> start_of(const S_FileHeader& header);
 // The local time of this moment, in seconds of the same kind.
 time_t local_now();
 
+// Seconds of that kind as a name: "20260309-140559".
+std::string date_name(time_t start);
+
 struct RecordingName
 {
     std::string stem; // directory and date, "DIR/20260309-140559"

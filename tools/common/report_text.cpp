@@ -31,10 +31,15 @@ SdvReport conversion_report()
     return report;
 }
 
+uint64_t dropped_frames(const SdvReport& report)
+{
+    return report.u64DroppedNumber0 + report.u64DroppedNoKey + report.u64DroppedWrongKey +
+           report.u64DroppedInconsistent;
+}
+
 bool is_anything_lost(const SdvReport& report)
 {
-    return report.u64Gaps || report.u64DroppedNumber0 || report.u64DroppedNoKey ||
-           report.u64DroppedWrongKey || report.u64DroppedInconsistent;
+    return report.u64Gaps || dropped_frames(report);
 }
 
 std::string describe_report(const SdvReport& report)

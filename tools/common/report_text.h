@@ -9,6 +9,8 @@ namespace tools {
 
 SdvReport conversion_report();
 
+uint64_t dropped_frames(const SdvReport& report);
+
 // Was anything dropped or skipped?
 bool is_anything_lost(const SdvReport& report);
 

@@ -136,13 +136,12 @@ PictureSize read_size(BitReader& reader, uint32_t chroma)
     return {static_cast<uint32_t>(width), static_cast<uint32_t>(height)};
 }
 
-} // namespace
-
-bool picture_size(std::span<const uint8_t> nal, PictureSize& size)
+// The reader up to the picture size, which is left in `size`.
+bool read_to_size(BitReader& reader, std::span<const uint8_t> nal, PictureSize& size)
 {
     if (nal.empty() || (nal[0] & 0x1F) != 7) return false;
 
-    BitReader reader{without_emulation_prevention(nal.subspan(1))};
+    reader.bytes = without_emulation_prevention(nal.subspan(1));
     const uint32_t profile = bits(reader, 8);
     bits(reader, 16); // constraints, level
     unsigned_golomb(reader);
@@ -151,10 +150,49 @@ bool picture_size(std::span<const uint8_t> nal, PictureSize& size)
     skip_picture_order(reader);
     unsigned_golomb(reader); // reference frames
     flag(reader);
+    size = read_size(reader, chroma);
+    return !reader.failed;
+}
 
-    const PictureSize read = read_size(reader, chroma);
-    if (reader.failed) return false;
+void skip_to_timing(BitReader& reader)
+{
+    const uint32_t ANY_SHAPE = 255; // of a pixel: its width and height follow
+    if (flag(reader) && bits(reader, 8) == ANY_SHAPE) bits(reader, 32);
+    if (flag(reader)) flag(reader); // overscan
+    if (flag(reader)) {             // signal: format, range, colours
+        bits(reader, 4);
+        if (flag(reader)) bits(reader, 24);
+    }
+    if (flag(reader)) { // places of the chroma samples
+        unsigned_golomb(reader);
+        unsigned_golomb(reader);
+    }
+}
+
+} // namespace
+
+bool picture_size(std::span<const uint8_t> nal, PictureSize& size)
+{
+    BitReader reader;
+    PictureSize read;
+    if (!read_to_size(reader, nal, read)) return false;
     size = read;
+    return true;
+}
+
+bool picture_rate(std::span<const uint8_t> nal, uint32_t& rate)
+{
+    BitReader reader;
+    PictureSize size;
+    if (!read_to_size(reader, nal, size) || !flag(reader)) return false;
+    skip_to_timing(reader);
+    if (!flag(reader)) return false;
+    const uint64_t tick = bits(reader, 32);
+    const uint64_t scale = bits(reader, 32);
+    if (reader.failed || tick == 0) return false;
+    const uint64_t rounded = (scale + tick) / (2 * tick); // two ticks a picture
+    if (rounded < 1 || rounded > UINT32_MAX) return false;
+    rate = static_cast<uint32_t>(rounded);
     return true;
 }
 

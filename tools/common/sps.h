@@ -1,4 +1,4 @@
-// The picture size that an H.264 sequence parameter set gives.
+// The picture size and rate that an H.264 sequence parameter set gives.
 #pragma once
 
 #include <cstdint>
@@ -15,5 +15,8 @@ struct PictureSize
 // From a whole SPS NAL unit, header byte first, emulation prevention still in it. False when the bytes are
 // not an SPS, end too early or give no size from 1 to 65535 either way; `size` is then as it was.
 bool picture_size(std::span<const uint8_t> nal, PictureSize& size);
+
+// Pictures a second, rounded to a whole number. False as above, or when the SPS has no timing.
+bool picture_rate(std::span<const uint8_t> nal, uint32_t& rate);
 
 } // namespace sps

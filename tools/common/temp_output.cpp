@@ -1,5 +1,7 @@
 #include "temp_output.h"
+#include "files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -19,15 +21,15 @@ namespace {
 
 constexpr int EndSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-// What the signal handler removes: it can know nothing but a static.
-char s_doomed[PATH_MAX];
+// What the signal handler removes: it can know nothing but a static. Changed with the signals blocked.
+TempOutput* s_first;
 
 void end_by_signal(int number)
 {
     // Another thread may be about to open the file; once it is removed nobody shall create it again.
     const rlimit none{0, 0};
     setrlimit(RLIMIT_NOFILE, &none);
-    unlink(s_doomed);
+    for (const TempOutput* doomed = s_first; doomed; doomed = doomed->next) unlink(doomed->path.c_str());
     _exit(128 + number);
 }
 
@@ -96,11 +98,30 @@ bool sync_file(const std::string& path)
     return synced;
 }
 
+void arm(TempOutput& output, const std::string& path)
+{
+    output.path = path;
+    output.next = s_first;
+    s_first = &output;
+    watch_signals(end_by_signal);
+}
+
 void disarm(TempOutput& output)
 {
-    watch_signals(SIG_DFL);
-    s_doomed[0] = '\0';
+    TempOutput** at = &s_first;
+    while (*at != &output) at = &(*at)->next;
+    *at = output.next;
+    if (!s_first) watch_signals(SIG_DFL);
     output.path.clear();
+}
+
+// A name beside the target, which may itself be as long as names can be.
+std::string temp_name(const std::string& target, unsigned number)
+{
+    char suffix[8];
+    const auto length = size_t(snprintf(suffix, sizeof(suffix), ".%06x", number & 0xFFFFFF));
+    const size_t name = target.rfind('/') + 1;
+    return target.substr(0, name + std::min(target.size() - name, NAME_MAX - length)) + suffix;
 }
 
 } // namespace
@@ -108,8 +129,10 @@ void disarm(TempOutput& output)
 TempOutput::~TempOutput()
 {
     if (path.empty()) return;
+    block_signals(true);
     unlink(path.c_str());
     disarm(*this);
+    block_signals(false);
 }
 
 bool create_temp(TempOutput& output, const std::string& target, std::string& why)
@@ -117,18 +140,13 @@ bool create_temp(TempOutput& output, const std::string& target, std::string& why
     if (!resolve(target, output.target, why)) return false;
     std::random_device random;
     for (int tries = 0; tries < 100; ++tries) {
-        char suffix[8];
-        snprintf(suffix, sizeof(suffix), ".%06x", random() & 0xFFFFFF);
-        const std::string path = output.target + suffix;
-        if (path.size() >= sizeof(s_doomed)) return fail(why, target, strerror(ENAMETOOLONG));
+        const std::string path = temp_name(output.target, random());
         block_signals(true);
         const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         const int reason = errno;
         if (fd >= 0) {
             close(fd);
-            output.path = path;
-            memcpy(s_doomed, path.c_str(), path.size() + 1);
-            watch_signals(end_by_signal);
+            arm(output, path);
         }
         block_signals(false);
         if (fd >= 0) return true;
@@ -137,11 +155,12 @@ bool create_temp(TempOutput& output, const std::string& target, std::string& why
     return fail(why, target, "no free temporary name beside it");
 }
 
-bool commit_temp(TempOutput& output, std::string& why)
+bool commit_temp(TempOutput& output, std::string& why, bool replace)
 {
     if (!sync_file(output.path)) return fail(why, output.path, strerror(errno));
     block_signals(true);
-    const bool renamed = rename(output.path.c_str(), output.target.c_str()) == 0;
+    const bool renamed = replace ? rename(output.path.c_str(), output.target.c_str()) == 0
+                                 : rename_new(output.path, output.target);
     const int reason = errno;
     if (renamed) disarm(output);
     block_signals(false);

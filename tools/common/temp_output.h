@@ -8,8 +8,10 @@ namespace tools {
 
 struct TempOutput
 {
-    std::string target; // the name asked for; where it is a symbolic link, what it points to
+    std::string target; // the name asked for; where it is a symbolic link, what it points to. The file may
+                        // be given another one before it is committed.
     std::string path;   // the temporary name; empty when there is none
+    TempOutput* next = nullptr; // of those that the signals remove
 
     TempOutput() = default;
     ~TempOutput();
@@ -17,13 +19,13 @@ struct TempOutput
     TempOutput& operator=(const TempOutput&) = delete;
 };
 
-// Create an empty file beside `target`, with the rights that the umask leaves. One such file at a time: from
-// here on a signal to end removes it and ends the process with 128 + its number. False, and the reason in
-// `why`, also when `target` is something that must not be replaced.
+// Create an empty file beside `target`, with the rights that the umask leaves. From here on a signal to end
+// removes it and ends the process with 128 + its number. False, and the reason in `why`, also when `target`
+// is something that must not be replaced.
 bool create_temp(TempOutput& output, const std::string& target, std::string& why);
 
-// Put the file in its place, on the disk first. False, and the reason in `why`; an older file is then
-// unharmed.
-bool commit_temp(TempOutput& output, std::string& why);
+// Put the file in its place, on the disk first. Unless it may `replace` one, somebody else's file that has
+// come there meanwhile stands in its way. False, and the reason in `why`; an older file is then unharmed.
+bool commit_temp(TempOutput& output, std::string& why, bool replace = true);
 
 } // namespace tools
