@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace avi {
@@ -16,10 +17,10 @@ struct Finding
 
 struct Chunk
 {
-    std::string id;  // "00dc", "01wb"
-    uint64_t offset; // of its 8-byte header
-    uint32_t size;   // data bytes, without pad byte
-    bool key;        // from the index
+    std::string_view id; // "00dc" or "01wb"
+    uint64_t offset;     // of its 8-byte header
+    uint32_t size;       // data bytes, without pad byte
+    bool key;            // from the index
 };
 
 struct Audio
@@ -32,11 +33,20 @@ struct Audio
     std::vector<uint8_t> config;
 };
 
+enum class Kind
+{
+    avi,   // or what was to become one
+    other, // no AVI file
+    unreadable
+};
+
 struct Report
 {
+    Kind kind = Kind::avi;
     std::vector<Finding> findings; // empty: the file is sound
     std::vector<Chunk> chunks;     // in file order
     uint32_t width = 0, height = 0, rate = 0, videoLength = 0;
+    uint32_t sampleRate = 0; // as the main header's data rate tells it, also without audio
     Audio audio;
     uint64_t moviOffset = 0; // of the "movi" FourCC
 
@@ -45,6 +55,10 @@ struct Report
 
 // Check a file on disk. One that cannot be read is a finding.
 Report check_file(const std::string& path);
+
+// What lies in the video chunks: each that is not empty is to begin with an H.264 start code. A check of its
+// own, since a file is no less playable as a container.
+void check_pictures(const std::string& path, Report& report);
 
 // All findings, one a line.
 std::string describe(const Report& report);

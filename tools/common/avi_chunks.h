@@ -1,0 +1,25 @@
+// The chunks of a recording that was cut off, as they lie in the file: no header and no index tells of them.
+#pragma once
+
+#include "Quorlin.h"
+#include "avi_bytes.h"
+
+#include <vector>
+
+namespace tools {
+
+struct AviChunks
+{
+    uint32_t area = 0; // size of the header area in front of them
+    uint64_t end = 0;  // behind the last whole one
+    uint64_t cut = 0;  // bytes of a torn one behind it
+    uint32_t pictures = 0, audio = 0, largest = 0;
+    std::vector<AVI_IndexEntity> index;
+    std::vector<uint8_t> sps; // the first one in the video, empty when there is none
+};
+
+// False, and the reason in `why`, when there are none, or when something else lies behind them: what is cut
+// off shall be known to be a torn chunk, or an index that was being written.
+bool read_chunks(const avi::File& file, AviChunks& chunks, std::string& why);
+
+} // namespace tools

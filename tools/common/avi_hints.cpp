@@ -1,0 +1,135 @@
+#include "avi_hints.h"
+
+#include "Quorlin.h"
+#include "avi_check.h"
+#include "frame_cutter.h"
+#include "sps.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <fstream>
+
+namespace tools {
+namespace {
+
+constexpr int AudioCodes[] = {1, 2, 22};
+constexpr uint32_t MaxRate = 30; // of a recording
+constexpr uint32_t UsualAudioRate = 8000;
+
+int code_of(uint16_t formatTag)
+{
+    if (formatTag == 0xFF) return 22;
+    return formatTag == 6 ? 1 : 2;
+}
+
+AviHints hints_of(const avi::Report& report)
+{
+    AviHints hints{report.width, report.height, report.rate, 0, report.sampleRate, std::nullopt};
+    if (!report.audio.present) return hints;
+    hints.audioCode = code_of(report.audio.formatTag);
+    hints.audioRate = report.audio.sampleRate;
+    hints.channels = report.audio.channels;
+    return hints;
+}
+
+// As a conversion and the recorder complete it.
+AviHints hints_of_header(const S_FileHeader& header)
+{
+    AviHints hints{header.Width, header.Height, header.FrameRate, 0, header.SamplesPerSec, header.AChannels};
+    if (*hints.channels == 0 || *hints.channels == 255) hints.channels = 1;
+    if (*hints.audioRate == 0 || *hints.audioRate == UINT32_MAX) hints.audioRate = UsualAudioRate;
+    return hints;
+}
+
+// The coding that the first frame to name one names; 0 when none does.
+int find_audio_code(std::istream& input, int mode)
+{
+    sdv::FrameCutter cutter;
+    while (input) {
+        const auto room = sdv::piece_room(cutter);
+        input.read(reinterpret_cast<char*>(room.data()), std::streamsize(room.size()));
+        sdv::add_piece(cutter, size_t(input.gcount()));
+        for (auto frame = sdv::take_frame(cutter, mode); !frame.empty();
+             frame = sdv::take_frame(cutter, mode)) {
+            const int code = frame[offsetof(S_FrameHeader, u8ACoder)];
+            if (std::find(std::begin(AudioCodes), std::end(AudioCodes), code) != std::end(AudioCodes))
+                return code;
+        }
+    }
+    return 0;
+}
+
+template <typename Value>
+void add(std::optional<Value>& hint, const std::optional<Value>& other)
+{
+    if (!hint) hint = other;
+}
+
+} // namespace
+
+bool hints_of_recording(const std::string& path, AviHints& hints, std::string& why)
+{
+    std::ifstream input(path, std::ios::binary);
+    if (!input) {
+        why = "cannot open " + path + ": " + strerror(errno);
+        return false;
+    }
+    S_FileHeader header{};
+    input.read(reinterpret_cast<char*>(&header), sizeof(header));
+    if (!input || !IsValidFileHeader(&header)) {
+        why = path + " is no SDV recording";
+        return false;
+    }
+    hints = hints_of_header(header);
+    hints.audioCode = find_audio_code(input, header.Mode);
+    return true;
+}
+
+bool hints_of_avi(const std::string& path, AviHints& hints, std::string& why)
+{
+    const avi::Report report = avi::check_file(path);
+    if (!report.sound()) {
+        why = path + " is no sound AVI file: " + report.findings.front().what;
+        return false;
+    }
+    hints = hints_of(report);
+    return true;
+}
+
+AviHints hints_of_torn_avi(const std::string& path)
+{
+    const avi::Report report = avi::check_file(path);
+    if (report.moviOffset == 0) return {};
+    const uint64_t area = report.moviOffset - sizeof(AVI_FrameHeader);
+    const auto wrong = [area](const avi::Finding& finding) {
+        constexpr uint64_t Counts[] = {4, 48, 60, 140, 144, 264};
+        return finding.offset < area &&
+               std::find(std::begin(Counts), std::end(Counts), finding.offset) == std::end(Counts);
+    };
+    if (std::any_of(report.findings.begin(), report.findings.end(), wrong)) return {};
+    return hints_of(report);
+}
+
+AviHints hints_of_sps(std::span<const uint8_t> nal)
+{
+    AviHints hints;
+    sps::PictureSize size;
+    uint32_t rate = 0;
+    if (sps::picture_size(nal, size)) hints.width = size.width, hints.height = size.height;
+    if (sps::picture_rate(nal, rate) && rate <= MaxRate) hints.rate = rate;
+    return hints;
+}
+
+void add_hints(AviHints& hints, const AviHints& others)
+{
+    add(hints.width, others.width);
+    add(hints.height, others.height);
+    add(hints.rate, others.rate);
+    add(hints.audioCode, others.audioCode);
+    add(hints.audioRate, others.audioRate);
+    add(hints.channels, others.channels);
+}
+
+} // namespace tools

@@ -1,0 +1,20 @@
+// Finishing an AVI file whose recording was cut off, by a power failure or a kill: its chunks are there, its
+// headers and its index are not. The result is what the recorder writes when it stops behind the last whole
+// chunk.
+#pragma once
+
+#include "avi_hints.h"
+
+namespace tools {
+
+// Finish the file in its place. Should that be cut off as well, it can be done again. A file that is sound is
+// left as it is, and so is one that holds anything but chunks, or that a recorder writes to. True, and what
+// was done in `why`; or false, and the reason. Uses the library's job: not while this process records or
+// converts. May handle the signals to end meanwhile, see temp_output.h.
+bool repair_avi(const std::string& path, const AviHints& hints, std::string& why);
+
+// The same into a file beside; the first one stays as it is. One that is sound is copied.
+bool repair_avi_into(const std::string& path, const std::string& output, const AviHints& hints,
+                     std::string& why);
+
+} // namespace tools
