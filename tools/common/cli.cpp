@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include <unistd.h>
 
@@ -83,6 +84,27 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv)
         return Usage;
     }
     return std::nullopt;
+}
+
+void choose(CLI::Option* option, const std::map<std::string, int>& numbers)
+{
+    std::string words;
+    for (const auto& [word, number] : numbers) words += (words.empty() ? "{" : ",") + word;
+    words += "}";
+    const auto translate = [numbers, words](std::string& text) {
+        const auto found = numbers.find(text);
+        if (found == numbers.end()) return "\"" + text + "\" is not in " + words;
+        text = std::to_string(found->second);
+        return std::string();
+    };
+    option->type_name("TEXT")->transform(CLI::Validator(translate, words, "choice"));
+}
+
+int give_up(const char* tool, const std::exception& error)
+{
+    const bool memory = dynamic_cast<const std::bad_alloc*>(&error);
+    fprintf(stderr, "%s: %s\n", tool, memory ? "out of memory" : error.what());
+    return Failed;
 }
 
 bool has_colour(int fd)

@@ -25,7 +25,7 @@ std::vector<std::string> values(const CLI::Option& option)
     if (open == std::string::npos || close == std::string::npos) return {};
 
     std::vector<std::string> all;
-    for (std::string word : CLI::detail::split(type.substr(open + 1, close - open - 1), ','))
+    for (const std::string& word : CLI::detail::split(type.substr(open + 1, close - open - 1), ','))
         all.push_back(word.substr(0, word.find("->")));
     return all;
 }

@@ -1,0 +1,18 @@
+#include "cli_report.h"
+
+namespace cli {
+
+nlohmann::ordered_json report_json(const SdvReport& report)
+{
+    return {{"frames_recorded", report.u64FramesRecorded},
+            {"dropped_number_0", report.u64DroppedNumber0},
+            {"dropped_no_key", report.u64DroppedNoKey},
+            {"dropped_wrong_key", report.u64DroppedWrongKey},
+            {"dropped_inconsistent", report.u64DroppedInconsistent},
+            {"bytes_skipped", report.u64BytesSkipped},
+            {"gaps", report.u64Gaps},
+            {"first_gap",
+             report.u64Gaps ? nlohmann::ordered_json(report.u64FirstGap) : nlohmann::ordered_json(nullptr)}};
+}
+
+} // namespace cli
