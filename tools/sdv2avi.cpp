@@ -1,84 +1,200 @@
-// sdv2avi: an SDV recording becomes an AVI file. The output appears under its name only when it is complete.
-#include "Quorlin.h"
+// sdv2avi: SDV recordings become AVI files. An output appears under its name only when it is complete.
 #include "cli.h"
+#include "cli_report.h"
+#include "convert_plan.h"
 #include "descriptors.h"
+#include "human.h"
 #include "key.h"
-#include "progress.h"
-#include "report_text.h"
-#include "temp_output.h"
+#include "worker_pool.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
-#include <cerrno>
+#include <chrono>
 #include <csignal>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <cstdio>
 #include <new>
-#include <optional>
+#include <thread>
 
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <nlohmann/json.hpp>
+
 #include <unistd.h>
 
 namespace {
 
+using Json = nlohmann::ordered_json;
+
 struct Options
 {
-    std::string input, output;
+    tools::PlanRequest plan;
+    tools::PoolSettings pool;
     std::optional<std::string> key, keyFile;
+    std::string split;
+    bool json = false, quiet = false, strict = false;
 };
 
-constexpr size_t PathLimit = sizeof(g_tSdv2Avi.m_szInputPath) - 1;
-
-int fail(const std::string& why)
+// Everything that was done.
+struct Run
 {
-    fprintf(stderr, "sdv2avi: %s\n", why.c_str());
-    return 1;
+    std::vector<tools::Job> jobs;
+    std::vector<tools::Result> results; // fewer, when a signal came
+    double seconds = 0;
+    int signal = 0; // that ended it
+};
+
+struct Totals
+{
+    size_t done = 0, damaged = 0, failed = 0;
+    uint64_t pictures = 0, bytes = 0;
+    cli::Exit exit = cli::Fine;
+};
+
+int fail(cli::Exit code, const std::string& why)
+{
+    fprintf(stderr, "sdv2avi: %s\n", tools::printable(why).c_str());
+    return code;
 }
 
-void warn(const std::string& what)
+// ---- what became of them
+
+const char* status_of(const tools::Result& result)
 {
-    fprintf(stderr, "sdv2avi: warning: %s\n", what.c_str());
+    if (!result.cause.empty()) return "failed";
+    return result.damaged ? "damaged" : "done";
 }
 
-int position()
+int colour_of(const tools::Result& result)
 {
-    return std::atomic_ref<int32_t>(g_tSdv2Avi.m_iPosition).load(std::memory_order_relaxed);
+    if (!result.cause.empty()) return 31;
+    return result.damaged ? 33 : 32;
 }
 
-bool same_file(const std::string& a, const std::string& b)
+cli::Exit exit_of(const Options& options, const tools::Result& result)
 {
-    struct stat first, second;
-    return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
-           first.st_ino == second.st_ino;
+    return result.exit == cli::Fine && result.damaged && options.strict ? cli::Damaged : result.exit;
 }
 
-size_t read_start(const std::string& path, void* to, size_t count)
+Totals add_up(const Options& options, const Run& run)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return 0;
-    const ssize_t got = read(fd, to, count);
-    const int reason = errno;
-    close(fd);
-    errno = reason;
-    return got < 0 ? 0 : size_t(got);
+    Totals totals;
+    for (const tools::Result& result : run.results) {
+        (!result.cause.empty() ? totals.failed : result.damaged ? totals.damaged : totals.done) += 1;
+        totals.pictures += result.pictures;
+        totals.bytes += result.bytes;
+        totals.exit = cli::worse(totals.exit, exit_of(options, result));
+    }
+    return totals;
 }
 
-// The input's file header, or the reason why there is none.
-std::optional<std::string> check_input(const std::string& path, S_FileHeader& header)
+int exit_of(const Run& run, const Totals& totals)
 {
-    struct stat status;
-    if (stat(path.c_str(), &status) < 0 || access(path.c_str(), R_OK) < 0)
-        return path + ": " + strerror(errno);
-    if (!S_ISREG(status.st_mode)) return path + ": is no regular file";
-    if (path.size() > PathLimit)
-        return path + ": the path is longer than " + std::to_string(PathLimit) + " bytes";
-    if (read_start(path, &header, sizeof(header)) < sizeof(header) || !IsValidFileHeader(&header))
-        return path + ": is no SDV recording";
-    return std::nullopt;
+    return run.signal ? 128 + run.signal : totals.exit;
 }
+
+// ---- as JSON
+
+Json file_json(const Options& options, const tools::Job& job, const tools::Result& result)
+{
+    const bool failed = !result.cause.empty();
+    return {{"input", job.input},          {"outputs", result.outputs},
+            {"pictures", result.pictures}, {"bytes", result.bytes},
+            {"seconds", result.seconds},   {"report", cli::report_json(result.report)},
+            {"status", status_of(result)}, {"cause", failed ? Json(result.cause) : Json(nullptr)},
+            {"notes", result.notes},       {"exit_code", int(exit_of(options, result))}};
+}
+
+void print_json(const Options& options, const Run& run)
+{
+    Json files = Json::array();
+    for (size_t i = 0; i < run.results.size(); ++i)
+        files.push_back(file_json(options, run.jobs[i], run.results[i]));
+    const Totals totals = add_up(options, run);
+    const Json document = {{"files", files},
+                           {"summary",
+                            {{"files", run.jobs.size()},
+                             {"done", totals.done},
+                             {"damaged", totals.damaged},
+                             {"failed", totals.failed},
+                             {"not_begun", run.jobs.size() - run.results.size()},
+                             {"pictures", totals.pictures},
+                             {"bytes", totals.bytes},
+                             {"seconds", run.seconds},
+                             {"exit_code", exit_of(run, totals)}}}};
+    // File names are bytes; what is no UTF-8 in them cannot stand in JSON.
+    printf("%s\n", document.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
+// ---- as text
+
+void print_messages(const Run& run)
+{
+    for (size_t i = 0; i < run.results.size(); ++i) {
+        for (const std::string& note : run.results[i].notes)
+            fail(cli::Fine, "warning: " + run.jobs[i].input + ": " + note);
+        if (!run.results[i].cause.empty()) fail(cli::Failed, run.results[i].cause);
+    }
+}
+
+std::string outputs_text(const tools::Result& result)
+{
+    if (result.outputs.empty()) return "";
+    const std::string more = result.outputs.size() > 1
+                                 ? " to " + std::filesystem::path(result.outputs.back()).filename().string()
+                                 : "";
+    return tools::printable(result.outputs.front() + more);
+}
+
+void print_one(const tools::Result& result)
+{
+    if (result.cause.empty())
+        printf("%s: %s\n", outputs_text(result).c_str(), tools::counted(result.pictures, "picture").c_str());
+}
+
+void print_row(const char* status, int colour, uint64_t pictures, uint64_t bytes, double seconds,
+               const std::string& what)
+{
+    char cell[16];
+    snprintf(cell, sizeof(cell), "%-8s", status);
+    printf("%s %9llu  %10s  %8s  %s\n", cli::paint(cell, colour, cli::has_colour(STDOUT_FILENO)).c_str(),
+           static_cast<unsigned long long>(pictures), tools::human_bytes(bytes).c_str(),
+           tools::human_duration(seconds).c_str(), what.c_str());
+}
+
+void print_rows(const Run& run)
+{
+    printf("%-8s %9s  %10s  %8s  %s\n", "result", "pictures", "size", "time", "file");
+    for (size_t i = 0; i < run.results.size(); ++i) {
+        const tools::Result& result = run.results[i];
+        const std::string to = result.outputs.empty() ? "" : " -> " + outputs_text(result);
+        print_row(status_of(result), colour_of(result), result.pictures, result.bytes, result.seconds,
+                  tools::printable(run.jobs[i].input) + to);
+    }
+}
+
+void print_total(const Options& options, const Run& run)
+{
+    const Totals totals = add_up(options, run);
+    const size_t left = run.jobs.size() - run.results.size();
+    print_row("total", 1, totals.pictures, totals.bytes, run.seconds,
+              tools::counted(run.jobs.size(), "file") + ": " + std::to_string(totals.done) + " done, " +
+                  std::to_string(totals.damaged) + " damaged, " + std::to_string(totals.failed) + " failed" +
+                  (left ? ", " + std::to_string(left) + " not begun" : ""));
+}
+
+int print_outcome(const Options& options, const Run& run, bool many)
+{
+    const bool table = many && !options.json && !options.quiet;
+    if (table) print_rows(run);
+    fflush(stdout);
+    print_messages(run); // behind the rows: of ten thousand, the causes are what is left on the screen
+    if (table) print_total(options, run);
+    if (options.json)
+        print_json(options, run);
+    else if (!options.quiet && !many && !run.results.empty())
+        print_one(run.results.front());
+    if (fflush(stdout) != 0) return fail(cli::Failed, "standard output cannot be written");
+    return exit_of(run, add_up(options, run));
+}
+
+// ---- the program
 
 bool set_key(const Options& options, std::string& why)
 {
@@ -88,113 +204,69 @@ bool set_key(const Options& options, std::string& why)
     return true;
 }
 
-void warn_of_limits(const S_FileHeader& header, bool aac)
+int convert(Options& options)
 {
-    const uint32_t rate = g_tSdv2Avi.m_Header.SamplesPerSec;
-    if (header.FrameRate == 0)
-        warn("the recording's frame rate is 0: players do not know how fast to show it");
-    if (aac && rate != 48000 && rate != 32000 && rate != 16000 && rate != 8000)
-        warn("AAC at " + std::to_string(rate) +
-             " Hz: the AVI file describes it as 8000 Hz, players get it wrong");
-}
-
-// The finished file itself says what is in it: a recording without any chunk has RIFF size 0.
-bool holds_frames(const std::string& path, uint32_t& pictures)
-{
-    std::array<uint8_t, 52> start{};
-    uint32_t riffSize = 0;
-    if (read_start(path, start.data(), start.size()) < start.size()) return false;
-    memcpy(&riffSize, &start[4], sizeof(riffSize));
-    memcpy(&pictures, &start[48], sizeof(pictures));
-    return riffSize != 0;
-}
-
-std::string explain_nothing(const std::string& input, const SdvReport& report)
-{
-    const std::string what = input + ": no frame could be recorded: ";
-    if (report.u64DroppedWrongKey) return what + "the key is wrong";
-    if (report.u64DroppedNoKey) return what + "it is encrypted and needs a key";
-    return what + tools::describe_report(report);
-}
-
-std::string explain(int outcome, int mode, const Options& options)
-{
-    switch (outcome) {
-    case -1:
-        return options.input + ": cannot be opened";
-    case -2:
-        return options.output + ": cannot be written (the disk is full, a limit on file sizes is reached, or "
-                                "the file would pass 4 GiB)";
-    case -3:
-        return "out of memory";
-    case -4:
-        if (mode == 31 || mode == 32)
-            return options.input + ": recordings of mode " + std::to_string(mode) +
-                   " can only be pushed as a stream, not converted as a file";
-        return options.input + ": no key frame in it";
-    default:
-        return options.input + ": the conversion was refused (no thread could be started)";
-    }
-}
-
-int run_library(const std::string& input, const std::string& output)
-{
-    std::string from = input, to = output; // the call takes writable texts
-    const tools::Silence silence;
-    tools::Progress progress;
-    tools::start_progress(progress, position);
-    return KtConvert_SDVtoAVI(from.data(), to.data());
-}
-
-int convert(const Options& options)
-{
-    S_FileHeader header{};
     std::string why;
-    if (const auto bad = check_input(options.input, header)) return fail(*bad);
-    if (same_file(options.input, options.output)) return fail("input and output are the same file");
-    if (!set_key(options, why)) return fail(why);
+    Run run;
+    if (!options.split.empty() && !tools::parse_split(options.split, options.pool.convert.split, why))
+        return fail(cli::Usage, "--split: " + why);
+    if (!set_key(options, why)) return fail(cli::KeyTrouble, why);
+    if (!tools::plan_jobs(options.plan, run.jobs, why)) return fail(cli::Usage, why);
 
-    tools::TempOutput output;
-    if (!tools::create_temp(output, options.output, why)) return fail(why);
-    if (output.path.size() > PathLimit)
-        return fail(options.output + ": the path is longer than " +
-                    std::to_string(PathLimit - (output.path.size() - output.target.size())) + " bytes");
+    options.pool.progress = !options.quiet && isatty(STDERR_FILENO);
+    const auto begin = std::chrono::steady_clock::now();
+    run.signal = tools::run_jobs(run.jobs, options.pool, run.results);
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    return print_outcome(options, run,
+                         run.jobs.size() > 1 || run.jobs.front().input != options.plan.inputs.front());
+}
 
-    const bool ran = run_library(options.input, output.path) == 0;
-    if (!ran || position() != 100) return fail(explain(ran ? position() : 0, header.Mode, options));
-    const SdvReport report = tools::conversion_report();
-    uint32_t pictures = 0;
-    if (!holds_frames(output.path, pictures)) return fail(explain_nothing(options.input, report));
-    if (tools::is_anything_lost(report)) warn(options.input + ": " + tools::describe_report(report));
-    warn_of_limits(header, g_tSdv2Avi.m_iDestType == 1);
-    if (!tools::commit_temp(output, why)) return fail(why);
-    printf("%s: %u pictures\n", options.output.c_str(), pictures);
-    return fflush(stdout) == 0 ? 0 : fail("standard output cannot be written");
+void add_options(CLI::App& app, Options& options)
+{
+    app.add_option("input", options.plan.inputs,
+                   "recordings, folders with *.sdv in them, or - for standard input")
+        ->required();
+    app.add_option("-o,--output", options.plan.output,
+                   "the AVI file, or the folder for several (default: beside the input, with .avi)");
+    app.add_flag("-r,--recurse", options.plan.recurse, "look into the folders of folders, too");
+    auto* key = app.add_option("--key", options.key, "key of encrypted recordings: up to 32 hex digits");
+    app.add_option("--key-file", options.keyFile,
+                   "file that holds the key, not seen by other users (default: $SDV_KEY)")
+        ->excludes(key);
+    app.add_option("-j,--jobs", options.pool.atOnce, "conversions at a time (default: one for each core)")
+        ->check(CLI::Range(1, 1024));
+    app.add_flag("--overwrite", options.pool.convert.overwrite, "replace files that are there already");
+    app.add_option("--split", options.split,
+                   "parts NAME-001.avi and so on, cut at key frames: by size (700M, 2G) or time (10m, 1h)");
+    app.add_flag("--start-time", options.plan.nameByStart, "name outputs by their recording's start");
+    app.add_flag("--strict", options.strict, "exit with 7 when something damaged was left out");
+    app.add_flag("--json", options.json, "tell the outcome as one JSON document");
+    app.add_flag("-q,--quiet", options.quiet, "print warnings and errors only");
 }
 
 } // namespace
 
 int main(int argc, char** argv)
-{
+try {
     Options options;
-    CLI::App app{"Convert an SDV recording to an AVI file.", "sdv2avi"};
-    app.add_option("input", options.input, "the recording")->required();
-    app.add_option("-o,--output", options.output, "the AVI file (default: the input's name with .avi)");
-    auto* key = app.add_option("--key", options.key, "key of an encrypted recording: up to 32 hex digits");
-    app.add_option("--key-file", options.keyFile,
-                   "file that holds the key, not seen by other users (default: $SDV_KEY)")
-        ->excludes(key);
-    cli::complete(app,
-                  {"sdv2avi IN.sdv -o OUT.avi\nsdv2avi --key-file camera.key IN.sdv", {{cli::Failed, ""}}});
+    options.pool.atOnce = std::max(1u, std::thread::hardware_concurrency());
+    CLI::App app{"Convert SDV recordings to AVI files.", "sdv2avi"};
+    add_options(app, options);
+    cli::complete(app, {"sdv2avi IN.sdv -o OUT.avi\n"
+                        "sdv2avi --key-file camera.key IN.sdv\n"
+                        "sdv2avi -r CARD -o FOLDER --start-time\n"
+                        "sdv2avi --split 10m LONG.sdv",
+                        {{cli::Failed, ""},
+                         {cli::NoRecording, ""},
+                         {cli::NoKeyFrame, ""},
+                         {cli::KeyTrouble, ""},
+                         {cli::NoOutput, ""},
+                         {cli::Damaged, "with --strict: done, but damage was left out"}}});
     if (const auto over = cli::parse(app, argc, argv)) return *over;
 
     tools::fill_standard_descriptors();
     signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a write that fails, not an end without a word
-    if (options.output.empty())
-        options.output = std::filesystem::path(options.input).replace_extension(".avi").string();
-    try {
-        return convert(options);
-    } catch (const std::bad_alloc&) {
-        return fail("out of memory");
-    }
+    return convert(options);
+} catch (const std::exception& error) {
+    return cli::give_up("sdv2avi", error);
 }

@@ -1,10 +1,13 @@
 #include "avi_files.h"
 
-#include "Quorlin.h"
+#include "report_text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tools {
@@ -22,13 +25,14 @@ time_t seconds_now()
     return now.tv_sec;
 }
 
-// What the finished file would have, if it ended here.
+} // namespace
+
 uint64_t file_size()
 {
     return uint64_t(ftello(job.m_fsRec)) + uint64_t(job.m_iTotalFrames) * EntrySize + HeaderRoom;
 }
 
-// At most so much does a frame add, its index entries among it. Of audio, 7 bytes may be a chunk.
+// Of audio, 7 bytes may be a chunk.
 uint64_t most_added(std::span<const uint8_t> frame)
 {
     S_FrameHeader header;
@@ -38,6 +42,8 @@ uint64_t most_added(std::span<const uint8_t> frame)
     return frame.size() + chunks * (sizeof(AVI_FrameHeader) + 1 + EntrySize);
 }
 
+namespace {
+
 bool open_file(AviFiles& files, std::string& why)
 {
     const time_t start = files.streamStart + seconds_now() - files.streamCame;
@@ -46,9 +52,33 @@ bool open_file(AviFiles& files, std::string& why)
     const std::string part = files.name.part_name();
     why = part + ": cannot be opened";
     if (StartRecord(0, part.c_str(), 1) != 0) return false;
+    flock(fileno(job.m_fsRec), LOCK_EX | LOCK_NB); // tells a repair to leave it alone
     files.room = {fileno(job.m_fsRec), 0};
+    files.opened = std::chrono::steady_clock::now();
+    files.cut = false;
     return true;
 }
+
+// A file that is never finished can be repaired when something tells what is in it. False when there is no
+// way back behind its chunks: the next one would overwrite the headers.
+bool write_first_headers()
+{
+    const off_t end = ftello(job.m_fsRec);
+    const AVI_MediaType type = job.m_iHaveAudio ? AVI_VideoAndAudio : AVI_Video;
+    AVI_WriteFileHeader({job.m_Header.Width, job.m_Header.Height, 0, 0, 0}, type);
+    AVI_WriteMoviHeader(sizeof(FOURCC), type);
+    return end >= 0 && fseeko(job.m_fsRec, end, SEEK_SET) == 0;
+}
+
+// A file without any frame yet is never full.
+bool is_full(const AviFiles& files)
+{
+    if (!job.m_fsRec || !job.m_bWriteHead) return false;
+    const auto age = std::chrono::steady_clock::now() - files.opened;
+    return files.cut || file_size() >= files.maxSize || (files.maxTime.count() > 0 && age >= files.maxTime);
+}
+
+} // namespace
 
 bool is_key_frame(std::span<const uint8_t> frame)
 {
@@ -62,8 +92,6 @@ void complete_header(S_FileHeader& header)
     if (header.SamplesPerSec == 0 || header.SamplesPerSec == UINT32_MAX) header.SamplesPerSec = 8000;
 }
 
-} // namespace
-
 void begin_stream(AviFiles& files)
 {
     complete_header(job.m_Header);
@@ -73,16 +101,23 @@ void begin_stream(AviFiles& files)
 
 bool record_frame(AviFiles& files, std::span<uint8_t> frame, std::string& why)
 {
-    const bool full = job.m_fsRec && job.m_bWriteHead && file_size() >= files.maxSize;
-    if (full && is_key_frame(frame) && !finish_file(files, why)) return false;
+    if (is_key_frame(frame) && is_full(files) && !finish_file(files, why)) return false;
     if (!job.m_fsRec && !open_file(files, why)) return false;
 
     if (!reserve_room(files.room, file_size() + most_added(frame), why)) {
         why = files.name.part_name() + ": there is no room for more: " + why;
         return false;
     }
+    const bool first = !job.m_bWriteHead;
     RecordAviEx(frame.data(), int(frame.size()));
-    return true;
+    if (!first || !job.m_bWriteHead || write_first_headers()) return true;
+    why = files.name.part_name() + ": cannot be written: " + strerror(errno);
+    return false;
+}
+
+void cut_file(AviFiles& files)
+{
+    files.cut = job.m_fsRec && job.m_bWriteHead;
 }
 
 bool finish_file(AviFiles& files, std::string& why)
@@ -101,7 +136,12 @@ bool finish_file(AviFiles& files, std::string& why)
     if (trouble == 1) return false;
     if (trouble == 2) log_msg("frames were left out: no key frame came before the file was 4 GiB long");
     if (!publish_name(files.name, why)) return false;
-    files.finished(files.name.final_name(), pictures_recorded());
+    const std::string path = files.name.final_name();
+    struct stat status
+    {
+    };
+    stat(path.c_str(), &status);
+    files.finished({path, pictures_recorded(), uint64_t(status.st_size), conversion_report()});
     return true;
 }
 

@@ -1,9 +1,11 @@
 // AVI files, one behind the other, from the frames of one stream, by the library's streaming calls.
 #pragma once
 
+#include "Quorlin.h"
 #include "disk_room.h"
 #include "recording_name.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -14,16 +16,29 @@ namespace tools {
 // Of the format's 4 GiB: what is left is room to wait for a key frame.
 constexpr uint64_t LargestAvi = 4'000'000'000;
 
+struct FinishedFile
+{
+    std::string path;
+    int pictures = 0;
+    uint64_t bytes = 0;
+    SdvReport report{};
+};
+
+// The first key frame behind one of the limits begins a new file. The time is that of our clock, as it is for
+// the files' names: a camera's time stamps may stand still or jump, and then a file would never end.
 struct AviFiles
 {
     std::string directory;
-    uint64_t maxSize = LargestAvi; // the first key frame behind so many bytes begins a new file
-    std::function<void(const std::string& path, int pictures)> finished;
+    uint64_t maxSize = LargestAvi;
+    std::chrono::seconds maxTime{}; // 0: any
+    bool cut = false;               // see cut_file()
+    std::function<void(const FinishedFile& file)> finished;
 
     time_t streamStart = 0; // see start_of()
     time_t streamCame = 0;  // the same moment by our own clock, in seconds
 
     RecordingName name; // of the open file
+    std::chrono::steady_clock::time_point opened;
     DiskRoom room;
 };
 
@@ -34,11 +49,24 @@ void begin_stream(AviFiles& files);
 // be done; the file is then still to be finished, for which there is room.
 bool record_frame(AviFiles& files, std::span<uint8_t> frame, std::string& why);
 
+// The next key frame begins a new file, if one is open.
+void cut_file(AviFiles& files);
+
 // Finish the open file, if there is one. One without any frame goes. False, and the reason in `why`, when it
 // is not whole: it keeps its part name.
 bool finish_file(AviFiles& files, std::string& why);
 
 // Of the open file, or of the last one.
 int pictures_recorded();
+
+// The bytes that the open file would have, if it ended here, and the most that a frame adds, its index
+// entries among it.
+uint64_t file_size();
+uint64_t most_added(std::span<const uint8_t> frame);
+
+bool is_key_frame(std::span<const uint8_t> frame);
+
+// What a header leaves open about the audio.
+void complete_header(S_FileHeader& header);
 
 } // namespace tools

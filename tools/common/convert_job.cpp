@@ -1,0 +1,334 @@
+#include "convert_job.h"
+#include "avi_parts.h"
+#include "files.h"
+#include "human.h"
+#include "report_text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tools {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Conversion
+{
+    const Job& job;
+    const ConvertSettings& settings;
+    std::atomic<uint32_t>& kib;
+    AviParts parts{};
+    Result result{};
+    std::string why{};
+};
+
+struct OpenFile
+{
+    int fd;
+
+    OpenFile(const std::string& path, int flags) : fd(open(path.c_str(), flags | O_CLOEXEC)) {}
+    ~OpenFile()
+    {
+        if (fd >= 0) close(fd);
+    }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+};
+
+bool fail(Result& result, cli::Exit code, const std::string& cause)
+{
+    result.exit = code;
+    result.cause = cause;
+    return false;
+}
+
+void follow_position(std::stop_token stop, const Conversion& c)
+{
+    const std::atomic_ref<int32_t> percent(g_tSdv2Avi.m_iPosition);
+    std::mutex lock; // nobody else's: the wait wants one
+    // cppcheck-suppress localMutex
+    std::unique_lock guard(lock);
+    std::condition_variable_any ended;
+    do c.kib = uint32_t((c.job.size >> 10) * uint64_t(std::clamp(percent.load(), 0, 100)) / 100);
+    while (!ended.wait_for(guard, stop, 50ms, [&stop] { return stop.stop_requested(); }));
+}
+
+// Until the thread goes. The signals are for the one that converts.
+std::jthread watch_position(const Conversion& c)
+{
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    std::jthread watcher;
+    try {
+        watcher = std::jthread(follow_position, std::cref(c));
+    } catch (const std::system_error&) {
+        // nobody sees how far it is: the work is what counts
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return watcher;
+}
+
+std::string part_name(const std::string& output, size_t number)
+{
+    const size_t dot = output.rfind('.');
+    const bool extension = dot != std::string::npos && output.find('/', dot) == std::string::npos;
+    char text[24];
+    snprintf(text, sizeof(text), "-%03zu", number);
+    return output.substr(0, extension ? dot : output.size()) + text + (extension ? output.substr(dot) : "");
+}
+
+bool is_split(const Conversion& c)
+{
+    return c.settings.split.bytes || c.settings.split.seconds > 0;
+}
+
+// ---- what went wrong
+
+bool fail_empty(Conversion& c)
+{
+    const SdvReport& report = c.result.report;
+    const std::string what = c.job.input + ": no frame could be recorded: ";
+    if (report.u64DroppedWrongKey) return fail(c.result, cli::KeyTrouble, what + "the key is wrong");
+    if (report.u64DroppedNoKey)
+        return fail(c.result, cli::KeyTrouble, what + "it is encrypted and needs a key");
+    if (report.u64DroppedNumber0 || report.u64DroppedInconsistent)
+        return fail(c.result, cli::Failed, what + describe_report(report));
+    return fail(c.result, cli::NoKeyFrame, c.job.input + ": no whole frame in it");
+}
+
+// The library does not say why it could not write. The file is gone, but as long as it is open its bytes are
+// not: what stopped it stops us.
+bool fail_to_write(Conversion& c, int fd)
+{
+    DiskRoom room{fd, 0};
+    const std::string cannot = c.job.output + ": cannot be written";
+    if (!reserve_room(room, c.job.size, c.why)) return fail(c.result, cli::NoOutput, cannot + ": " + c.why);
+    return fail(c.result, cli::NoOutput, cannot);
+}
+
+bool fail_by_outcome(Conversion& c, int outcome, int output)
+{
+    switch (outcome) {
+    case -1:
+        return fail(c.result, cli::Failed, c.job.input + ": cannot be opened");
+    case -2:
+        return fail_to_write(c, output);
+    case -3:
+        return fail(c.result, cli::Failed, c.job.input + ": out of memory");
+    case -4:
+        return fail(c.result, cli::NoKeyFrame, c.job.input + ": no key frame in it");
+    default:
+        return fail(c.result, cli::Failed, c.job.input + ": no thread could be started");
+    }
+}
+
+void note_limits(Conversion& c)
+{
+    const uint32_t rate = g_tSdv2Avi.m_Header.SamplesPerSec;
+    if (c.job.header.FrameRate == 0)
+        c.result.notes.push_back("the recording's frame rate is 0: players do not know how fast to show it");
+    if (g_tSdv2Avi.m_iDestType == 1 && rate != 48000 && rate != 32000 && rate != 16000 && rate != 8000)
+        c.result.notes.push_back("AAC at " + std::to_string(rate) +
+                                 " Hz: the AVI file describes it as 8000 Hz, players get it wrong");
+}
+
+// ---- converting
+
+// Larger ones do not fit one AVI file, and the library's own conversion does not find the frames of all
+// modes.
+bool needs_pushing(const Conversion& c)
+{
+    const int mode = c.job.header.Mode;
+    return c.job.input == "-" || is_split(c) || c.job.size >= LargestAvi || mode == 31 || mode == 32;
+}
+
+int run_library(const Conversion& c, const std::string& input, const std::string& output)
+{
+    std::string from = input, to = output; // the call takes writable texts
+    const std::jthread watcher = watch_position(c);
+    return KtConvert_SDVtoAVI(from.data(), to.data());
+}
+
+// A file that grew too large is no failure: `tooLarge`, and it is to be made in parts.
+bool convert_whole(Conversion& c, int input, bool& tooLarge)
+{
+    TempOutput& file = c.parts.files.emplace_back();
+    c.parts.firstPictures.push_back(0);
+    if (!create_temp(file, c.job.output, c.why)) return fail(c.result, cli::NoOutput, c.why);
+    const OpenFile output(file.path, O_RDWR);
+
+    const bool ran =
+        run_library(c, library_path(c.job.input, input), library_path(file.path, output.fd)) == 0;
+    const int outcome = ran ? g_tSdv2Avi.m_iPosition : 0;
+    c.parts.report = conversion_report();
+    c.parts.pictures = uint64_t(pictures_recorded());
+    struct stat status
+    {
+    };
+    tooLarge = outcome == -2 && fstat(output.fd, &status) == 0 && uint64_t(status.st_size) > LargestAvi;
+    return outcome == 100 || tooLarge || fail_by_outcome(c, outcome, output.fd);
+}
+
+bool set_limits(Conversion& c)
+{
+    const Split& split = c.settings.split;
+    if (split.bytes) c.parts.limits.bytes = std::min(split.bytes, LargestAvi);
+    if (split.seconds <= 0) return true;
+    if (c.job.header.FrameRate == 0)
+        return fail(c.result, cli::Failed,
+                    c.job.input + ": its frame rate is 0: it can be split by size only");
+    c.parts.limits.pictures = std::max(uint64_t{1}, uint64_t(split.seconds * c.job.header.FrameRate));
+    return true;
+}
+
+bool push(Conversion& c, int input)
+{
+    c.parts.target = c.job.output;
+    if (!set_limits(c)) return false;
+    if (c.job.input != "-") lseek(input, sizeof(S_FileHeader), SEEK_SET);
+    switch (push_recording(input, c.job.header, c.parts, c.kib, c.why)) {
+    case Pushed::no_key_frame:
+        return fail_by_outcome(c, -4, -1);
+    case Pushed::no_memory:
+        return fail_by_outcome(c, -3, -1);
+    case Pushed::no_output:
+        return fail(c.result, cli::NoOutput, c.why);
+    case Pushed::all:
+        break;
+    }
+    return true;
+}
+
+bool run(Conversion& c)
+{
+    const OpenFile file(c.job.input, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    const int input = c.job.input == "-" ? STDIN_FILENO : file.fd;
+    if (input < 0) return fail(c.result, cli::Failed, c.job.input + ": " + strerror(errno));
+    bool tooLarge = false;
+    if (!needs_pushing(c)) {
+        if (!convert_whole(c, input, tooLarge)) return false;
+        if (!tooLarge) return true;
+        c.parts.files.clear();
+        c.parts.firstPictures.clear();
+        c.parts.pictures = 0;
+        c.parts.report = {};
+    }
+    return push(c, input);
+}
+
+// ---- publishing
+
+// Files show when their recording was made, each part when it began. The header's clock is local time.
+void set_time(const Conversion& c, size_t place)
+{
+    const auto start = start_of(c.job.header);
+    if (!start) return;
+    tm date{};
+    gmtime_r(&*start, &date);
+    date.tm_isdst = -1;
+    const uint64_t rate = std::max<uint64_t>(c.job.header.FrameRate, 1);
+    const time_t began = mktime(&date) + time_t(c.parts.firstPictures[place] / rate);
+    const timespec times[2] = {{began, 0}, {began, 0}};
+    utimensat(AT_FDCWD, c.parts.files[place].path.c_str(), times, 0);
+}
+
+bool refuse_existing(Conversion& c, const std::string& name)
+{
+    if (c.settings.overwrite || !exists(name)) return true;
+    return fail(c.result, cli::NoOutput, name + ": exists already (--overwrite replaces it)");
+}
+
+// All or nothing; only what replaced an older file cannot be taken back.
+bool withdraw(Conversion& c, size_t published)
+{
+    for (size_t i = 0; i < published && !c.settings.overwrite; ++i) unlink(c.parts.files[i].target.c_str());
+    return fail(c.result, cli::NoOutput, c.why);
+}
+
+bool publish(Conversion& c)
+{
+    auto& files = c.parts.files;
+    const bool numbered = is_split(c) || files.size() > 1;
+    if (files.size() > 1 && !is_split(c))
+        c.result.notes.push_back("larger than one AVI file can be: converted into " +
+                                 counted(files.size(), "part"));
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (numbered) files[i].target = part_name(files[i].target, i + 1);
+        struct stat status
+        {
+        };
+        if (stat(files[i].path.c_str(), &status) == 0) c.result.bytes += uint64_t(status.st_size);
+        set_time(c, i);
+        if (!commit_temp(files[i], c.why, c.settings.overwrite)) return withdraw(c, i);
+        c.result.outputs.push_back(numbered ? files[i].target : c.job.output);
+    }
+    const std::string next = part_name(c.job.output, files.size() + 1);
+    if (numbered && exists(next)) c.result.notes.push_back(next + " is an older file, no part of this");
+    return true;
+}
+
+bool finish(Conversion& c)
+{
+    c.result.report = c.parts.report;
+    c.result.pictures = c.parts.pictures;
+    if (c.parts.files.empty() || c.result.report.u64FramesRecorded == 0) return fail_empty(c);
+    c.result.damaged = is_anything_lost(c.result.report) || !c.parts.losses.empty();
+    if (is_anything_lost(c.result.report)) c.result.notes.push_back(describe_report(c.result.report));
+    c.result.notes.insert(c.result.notes.end(), c.parts.losses.begin(), c.parts.losses.end());
+    c.result.notes.insert(c.result.notes.end(), c.job.notes.begin(), c.job.notes.end());
+    note_limits(c);
+    return publish(c);
+}
+
+} // namespace
+
+bool parse_split(const std::string& text, Split& split, std::string& why)
+{
+    const struct
+    {
+        const char* unit;
+        double bytes, seconds;
+    } units[] = {{"K", 1024, 0}, {"M", 1024 * 1024, 0}, {"G", 1024 * 1024 * 1024, 0},
+                 {"s", 0, 1},    {"m", 0, 60},          {"h", 0, 3600}};
+    why = "\"" + text + "\" is neither a size (K, M, G) nor a time (s, m, h), such as 700M or 10m";
+    if (text.empty() || text[0] < '0' || text[0] > '9') return false;
+    char* rest = nullptr;
+    const double amount = strtod(text.c_str(), &rest);
+    for (const auto& [unit, bytes, seconds] : units) {
+        if (strcmp(rest, unit) != 0 || !(amount > 0) || amount > 1e9) continue;
+        split = {uint64_t(std::ceil(amount * bytes)), amount * seconds};
+        return true;
+    }
+    return false;
+}
+
+Result convert(const Job& job, const ConvertSettings& settings, std::atomic<uint32_t>& kib)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    Conversion c{job, settings, kib};
+    const bool numbered = is_split(c);
+    const bool done =
+        refuse_existing(c, numbered ? part_name(job.output, 1) : job.output) && run(c) && finish(c);
+    if (!done) {
+        c.result.outputs.clear();
+        c.result.pictures = c.result.bytes = 0;
+    }
+    c.result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    return c.result;
+}
+
+} // namespace tools
