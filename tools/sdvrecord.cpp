@@ -1,20 +1,24 @@
 // sdvrecord: takes a camera's stream over TCP and writes AVI files while it arrives. Everything that happens
 // to a camera and its files happens in callbacks of the event loop; the main thread waits for signals.
 #include "Quorlin.h"
-#include "avi_files.h"
-#include "cli.h"
+#include "cli_record_events.h"
+#include "cli_record_options.h"
 #include "descriptors.h"
+#include "end_signals.h"
+#include "endpoint.h"
 #include "frame_cutter.h"
+#include "human.h"
 #include "key.h"
+#include "part_files.h"
+#include "report_text.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -29,22 +33,17 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t ReadAtOnce = 256 << 10;
 constexpr int ReadsInRow = 64;
 
-struct Options
-{
-    std::string listen, directory;
-    std::optional<std::string> keyFile;
-    uint64_t maxSize = tools::LargestAvi;
-    int idle = 30;
-    bool once = false;
-};
+constexpr int LongestPause = 30; // seconds between two calls of a camera that does not answer
 
 struct Camera
 {
-    TcpClient* client = nullptr; // no camera is there
+    TcpClient* client = nullptr; // none is there, nor called
+    bool there = false;          // else it is being called
     std::string peer;
+    std::string whyLost = "it ended the connection";
     sdv::FrameCutter cutter;
     bool prepared = false; // the file header has come, and the library's job is ours
-    uint64_t bytes = 0, bytesShown = 0;
+    uint64_t bytes = 0;
     int readsInRow = 0;
     bool unread = false; // something may wait that no event will tell of
     Clock::time_point heard;
@@ -53,16 +52,19 @@ struct Camera
 // Guarded by the main lock, which every callback holds.
 struct Recorder
 {
-    Options options;
-    FILE* out = nullptr; // standard output is full of the library's markers
-    bool terminal = false;
+    cli::RecordOptions options;
+    cli::Events events;
     pthread_t mainThread = pthread_self();
     TcpServer* server = nullptr;
+    TcpClient* caller = nullptr;  // of the camera that we call, call for call the same
+    int pause = 1, untilCall = 0; // seconds
     Camera camera;
+    cli::Told told;
     tools::AviFiles files;
     int finished = 0;
     bool posted = false;
-    bool failed = false;
+    std::optional<cli::Exit> failed;
+    cli::Exit whyNothing = cli::Failed; // when nothing was recorded
     bool over = false;
 };
 
@@ -70,31 +72,25 @@ TSdv2Avi& job = g_tSdv2Avi;
 
 // ---- what is said
 
-int fail(const std::string& why)
+int fail(cli::Exit code, const std::string& why)
 {
     fprintf(stderr, "sdvrecord: %s\n", why.c_str());
-    return 1;
+    return code;
 }
 
-__attribute__((format(printf, 2, 3))) void say(const Recorder& recorder, const char* format, ...)
+void note(Recorder& recorder, const std::string& text)
 {
-    va_list arguments;
-    va_start(arguments, format);
-    vfprintf(recorder.out, format, arguments);
-    va_end(arguments);
-    fputs(recorder.terminal ? "\033[K\n" : "\n", recorder.out);
-    fflush(recorder.out);
+    cli::wipe_status(recorder.events);
+    log_msg("sdvrecord: %s", text.c_str());
 }
 
-void show_status(Recorder& recorder)
+void tell_recovered(Recorder& recorder, const tools::Recovered& file)
 {
-    Camera& camera = recorder.camera;
-    if (!job.m_fsRec) return;
-    fprintf(recorder.out, "%s: %.1f MB, %d pictures, %.2f MB/s%s", recorder.files.name.part_name().c_str(),
-            double(ftello(job.m_fsRec)) / 1e6, tools::pictures_recorded(),
-            double(camera.bytes - camera.bytesShown) / 1e6, recorder.terminal ? "\033[K\r" : "\n");
-    fflush(recorder.out);
-    camera.bytesShown = camera.bytes;
+    const cli::Details details = {{"path", file.path}, {"what", file.what}};
+    const std::string text = file.path + ": " + file.what;
+    cli::tell(recorder.events, file.finished ? "repaired" : "not_repaired", details,
+              file.finished ? text : "");
+    if (!file.finished) note(recorder, text);
 }
 
 // ---- ending
@@ -106,10 +102,11 @@ void end(Recorder& recorder)
     pthread_kill(recorder.mainThread, SIGUSR1);
 }
 
-bool give_up(Recorder& recorder, const std::string& why)
+// The camera's end tells why.
+bool give_up(Recorder& recorder, cli::Exit code, const std::string& why)
 {
-    log_msg("sdvrecord: %s", why.c_str());
-    recorder.failed = true;
+    recorder.failed = code;
+    recorder.camera.whyLost = why;
     end(recorder);
     return false;
 }
@@ -122,12 +119,14 @@ bool prepare(Recorder& recorder, std::span<const uint8_t> bytes)
     S_FileHeader header;
     memcpy(&header, bytes.data(), sizeof(header));
     if (!IsValidFileHeader(&header)) {
-        log_msg("sdvrecord: %s sends no SDV recording", camera.peer.c_str());
+        camera.whyLost = "it sends no SDV recording";
+        recorder.whyNothing = cli::NoRecording;
         return false;
     }
     Initialize(8000);
     camera.prepared = true;
-    if (!job.m_pStreamBuf) return give_up(recorder, "out of memory");
+    recorder.pause = 1;
+    if (!job.m_pStreamBuf) return give_up(recorder, cli::Failed, "out of memory");
     job.m_Header = header;
     tools::begin_stream(recorder.files);
     return true;
@@ -145,7 +144,7 @@ bool take_stream(Recorder& recorder)
     for (std::string why;;) {
         const auto frame = sdv::take_frame(camera.cutter, job.m_Header.Mode);
         if (frame.empty()) return true;
-        if (!tools::record_frame(recorder.files, frame, why)) return give_up(recorder, why);
+        if (!tools::record_frame(recorder.files, frame, why)) return give_up(recorder, cli::NoOutput, why);
     }
 }
 
@@ -178,11 +177,17 @@ bool read_some(Recorder& recorder)
     return true;
 }
 
-// ---- callbacks
+// ---- the connection
 
-void let_go(Recorder& recorder)
+// By way of on_disconnect(). The client that calls is kept for the next call.
+void let_go(Recorder& recorder, const std::string& why)
 {
-    os_tcp_client_destroy(recorder.camera.client); // by way of on_disconnect()
+    TcpClient* client = recorder.camera.client;
+    if (!why.empty()) recorder.camera.whyLost = why;
+    if (client == recorder.caller)
+        os_tcp_client_close(client);
+    else
+        os_tcp_client_destroy(client);
 }
 
 // What is left unread after the last read in a row is announced with the bytes that come next. Should none
@@ -197,7 +202,7 @@ void read_on(void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
     recorder.posted = false;
-    if (recorder.camera.client && !read_some(recorder)) let_go(recorder);
+    if (recorder.camera.there && !read_some(recorder)) let_go(recorder, "");
 }
 
 int32 on_read(TcpClient*, void* context)
@@ -207,21 +212,58 @@ int32 on_read(TcpClient*, void* context)
     return read_some(recorder) ? 0 : -1;
 }
 
+void call_later(Recorder& recorder)
+{
+    recorder.untilCall = recorder.pause;
+    recorder.pause = std::min(2 * recorder.pause, LongestPause);
+}
+
+void tell_unreachable(Recorder& recorder, const std::string& why)
+{
+    const std::string& peer = recorder.options.connect;
+    call_later(recorder);
+    cli::tell(recorder.events, "unreachable",
+              {{"peer", peer}, {"reason", why}, {"next_call", recorder.untilCall}}, "");
+    note(recorder,
+         peer + " cannot be reached: " + why + "; next call in " + std::to_string(recorder.untilCall) + " s");
+}
+
+void finish_stream(Recorder& recorder)
+{
+    std::string why;
+    if (!tools::finish_file(recorder.files, why)) give_up(recorder, cli::NoOutput, why);
+    const SdvReport report = tools::conversion_report();
+    if (report.u64DroppedNoKey || report.u64DroppedWrongKey) recorder.whyNothing = cli::KeyTrouble;
+    QuorlinRelease();
+}
+
+void tell_lost(Recorder& recorder, const Camera& camera)
+{
+    const size_t cut = camera.cutter.end - camera.cutter.begin;
+    cli::tell(recorder.events, "lost",
+              {{"peer", camera.peer},
+               {"reason", camera.whyLost},
+               {"bytes", camera.bytes},
+               {"bytes_skipped", camera.cutter.skipped},
+               {"bytes_cut_off", cut}},
+              "");
+    note(recorder, camera.peer + " has gone: " + camera.whyLost);
+    if (cut && camera.prepared && !recorder.failed)
+        note(recorder, "it went inside a frame: " + tools::counted(cut, "byte") + " of it left out");
+    if (camera.cutter.skipped) note(recorder, tools::counted(camera.cutter.skipped, "byte") + " in no frame");
+}
+
 void on_disconnect(TcpClient*, void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
-    Camera& camera = recorder.camera;
-    std::string why;
-    if (!tools::finish_file(recorder.files, why)) give_up(recorder, why);
-    if (camera.prepared) QuorlinRelease();
-    log_msg("sdvrecord: %s has gone", camera.peer.c_str());
-    const size_t cut = camera.cutter.end - camera.cutter.begin;
-    if (cut) log_msg("sdvrecord: it went inside a frame: %zu bytes of it are left out", cut);
-    if (camera.cutter.skipped)
-        log_msg("sdvrecord: %llu bytes belonged to no frame",
-                static_cast<unsigned long long>(camera.cutter.skipped));
-    camera = Camera{};
-    if (recorder.options.once) end(recorder);
+    if (recorder.camera.prepared) finish_stream(recorder);
+    const Camera camera = std::exchange(recorder.camera, Camera{});
+    if (camera.there)
+        tell_lost(recorder, camera);
+    else if (!recorder.over)
+        return tell_unreachable(recorder, camera.whyLost);
+    if (recorder.options.once) return end(recorder);
+    if (recorder.caller) call_later(recorder);
 }
 
 std::string peer_of(TcpClient* client)
@@ -232,40 +274,94 @@ std::string peer_of(TcpClient* client)
     return std::string(ip) + ":" + std::to_string(port);
 }
 
+void greet(Recorder& recorder, TcpClient* client, const std::string& peer)
+{
+    Camera& camera = recorder.camera;
+    camera.client = client;
+    camera.there = true;
+    camera.peer = peer;
+    camera.heard = Clock::now();
+    recorder.told = {0, camera.heard};
+    os_tcp_client_bind_read(client, on_read, &recorder);
+    os_tcp_client_bind_disconnect(client, on_disconnect, &recorder);
+    cli::tell(recorder.events, "connected", {{"peer", peer}}, "");
+    note(recorder, peer + " is connected");
+}
+
 void on_accept(TcpServer*, TcpClient* client, void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
     if (recorder.camera.client || recorder.over) {
-        log_msg("sdvrecord: %s is refused: there is a camera already", peer_of(client).c_str());
+        const std::string peer = peer_of(client);
+        cli::tell(recorder.events, "refused", {{"peer", peer}}, "");
+        note(recorder, peer + " is refused: there is a camera already");
         os_tcp_client_destroy(client);
         return;
     }
-    recorder.camera.client = client;
-    recorder.camera.peer = peer_of(client);
+    greet(recorder, client, peer_of(client));
+}
+
+void on_connect(TcpClient* client, void* context)
+{
+    Recorder& recorder = *static_cast<Recorder*>(context);
+    greet(recorder, client, recorder.options.connect);
+}
+
+// While the call still goes on, this event tells that it has failed.
+int32 on_write(TcpClient* client, void* context)
+{
+    Recorder& recorder = *static_cast<Recorder*>(context);
+    if (recorder.camera.there) return 0;
+    int error = 0;
+    socklen_t length = sizeof(error);
+    getsockopt(client->connectfd, SOL_SOCKET, SO_ERROR, &error, &length);
+    let_go(recorder, error ? strerror(error) : "there is no way to it");
+    return 0;
+}
+
+// The name is asked for anew each time: a camera's address may change while it is away.
+void call(Recorder& recorder)
+{
+    std::string why = "no connection can be opened";
+    const auto endpoint = tools::parse_endpoint(recorder.options.connect);
+    std::string ip = tools::find_address(*endpoint, why);
+    if (ip.empty()) return tell_unreachable(recorder, why);
+
+    recorder.camera.client = recorder.caller;
     recorder.camera.heard = Clock::now();
-    os_tcp_client_bind_read(client, on_read, &recorder);
-    os_tcp_client_bind_disconnect(client, on_disconnect, &recorder);
-    log_msg("sdvrecord: %s has come", recorder.camera.peer.c_str());
+    os_tcp_client_set_remote(recorder.caller, ip.data(), endpoint->port);
+    os_tcp_client_bind_connect(recorder.caller, on_connect, &recorder);
+    os_tcp_client_bind_write(recorder.caller, on_write, &recorder);
+    os_tcp_client_bind_disconnect(recorder.caller, on_disconnect, &recorder);
+    if (os_tcp_client_open(recorder.caller, -1)) return;
+    recorder.camera = Camera{};
+    tell_unreachable(recorder, why);
 }
 
 void on_second(void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
     Camera& camera = recorder.camera;
-    if (!camera.client) return;
-    show_status(recorder);
+    if (recorder.over) return;
+    if (!camera.client) {
+        if (recorder.caller && --recorder.untilCall <= 0) call(recorder);
+        return;
+    }
+    if (camera.there && recorder.options.preview)
+        cli::tell_recording(recorder.events, recorder.told, camera.peer,
+                            job.m_fsRec ? recorder.files.name.part_name() : "", camera.bytes,
+                            job.m_fsRec ? tools::conversion_report() : SdvReport{});
     if (camera.unread) {
         start_row(recorder);
         read_later(recorder);
     } else if (Clock::now() - camera.heard >= std::chrono::seconds(recorder.options.idle)) {
-        log_msg("sdvrecord: %s has been silent for %d s", camera.peer.c_str(), recorder.options.idle);
-        let_go(recorder);
+        let_go(recorder, "silent for " + std::to_string(recorder.options.idle) + " s");
     }
 }
 
 // ---- the program
 
-bool set_key(const Options& options, std::string& why)
+bool set_key(const cli::RecordOptions& options, std::string& why)
 {
     std::vector<uint8_t> key;
     if (!tools::find_key(std::nullopt, options.keyFile, key, why)) return false;
@@ -273,105 +369,109 @@ bool set_key(const Options& options, std::string& why)
     return true;
 }
 
-// Before any thread is there, so that all of them leave the signals to the main thread. A signal that was
-// ignored when the program started (nohup, a job in the background) stays ignored.
-sigset_t block_signals()
-{
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGUSR1);
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction old;
-        sigaction(number, nullptr, &old);
-        if (old.sa_handler != SIG_IGN) sigaddset(&set, number);
-    }
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    signal(SIGPIPE, SIG_IGN); // nobody reads the status lines any more: the recording goes on
-    signal(SIGXFSZ, SIG_IGN);
-    return set;
-}
-
 bool listen(Recorder& recorder, std::string& why)
 {
-    const std::string& text = recorder.options.listen;
-    const size_t colon = text.rfind(':');
-    char* rest = nullptr;
-    const unsigned long port = colon == std::string::npos ? 65536 : strtoul(&text[colon + 1], &rest, 10);
-    why = "--listen takes an address and a port, such as 0.0.0.0:8000";
-    if (port > 65535 || *rest || rest == &text[colon + 1]) return false;
-
-    std::string ip = text.substr(0, colon);
+    const auto endpoint = tools::parse_endpoint(recorder.options.listen);
+    std::string ip = tools::find_address(*endpoint, why);
+    if (ip.empty()) return false;
     recorder.server = os_tcp_server_create();
-    if (!os_tcp_server_set_local(recorder.server, ip.data(), uint16(port))) return false;
+    os_tcp_server_set_local(recorder.server, ip.data(), endpoint->port);
     os_tcp_server_bind_accept(recorder.server, on_accept, &recorder);
-    why = "cannot listen on " + text;
+    why = "cannot listen on " + recorder.options.listen;
     if (!os_tcp_server_open(recorder.server)) return false;
 
     sockaddr_in address{};
     socklen_t length = sizeof(address);
     getsockname(recorder.server->listenfd, reinterpret_cast<sockaddr*>(&address), &length);
-    say(recorder, "listening on %s:%d", inet_ntoa(address.sin_addr), ntohs(address.sin_port));
+    const std::string where = ip + ":" + std::to_string(ntohs(address.sin_port));
+    cli::tell(recorder.events, "started", {{"listen", where}}, "listening on " + where);
     return true;
 }
 
-int run(const Options& options)
+bool start(Recorder& recorder, std::string& why)
 {
-    std::string why;
-    if (!set_key(options, why)) return fail(why);
-    if (access(options.directory.c_str(), W_OK | X_OK) != 0)
-        return fail(options.directory + ": " + strerror(errno));
+    why = "out of memory";
+    if (!os_timer_create(on_second, 1000, &recorder)) return false;
+    if (!recorder.options.listen.empty()) return listen(recorder, why);
+    const std::string& where = recorder.options.connect;
+    recorder.caller = os_tcp_client_create();
+    if (!recorder.caller) return false;
+    cli::tell(recorder.events, "started", {{"connect", where}}, "calling " + where);
+    call(recorder);
+    return true;
+}
 
-    const sigset_t signals = block_signals();
-    const tools::Silence silence;
-    Recorder recorder;
+// Until a signal to end, ours or another's.
+int wait_for_end(Recorder& recorder, const sigset_t& signals)
+{
+    for (int number = 0;;) {
+        sigwait(&signals, &number);
+        if (number != SIGHUP) return number;
+        os_main_lock();
+        tools::cut_file(recorder.files);
+        os_main_unlock();
+    }
+}
+
+cli::Exit outcome(const Recorder& recorder, int number)
+{
+    if (recorder.failed) return *recorder.failed;
+    return number == SIGUSR1 && recorder.finished == 0 ? recorder.whyNothing : cli::Fine;
+}
+
+void fill(Recorder& recorder, const cli::RecordOptions& options)
+{
     recorder.options = options;
     recorder.files.directory = options.directory;
     recorder.files.maxSize = options.maxSize;
-    recorder.files.finished = [&recorder](const std::string& path, int pictures) {
+    recorder.files.maxTime = std::chrono::seconds(options.maxTime);
+    recorder.files.finished = [&recorder](const tools::FinishedFile& file) {
         ++recorder.finished;
-        say(recorder, "%s: %d pictures", path.c_str(), pictures);
+        cli::tell_finished(recorder.events, file);
     };
-    recorder.out = silence.saved < 0 ? stderr : fdopen(dup(silence.saved), "w");
-    recorder.terminal = isatty(fileno(recorder.out));
-    if (!os_startup(4, 1)) return fail("the event loop cannot be started");
+}
+
+int run(const cli::RecordOptions& options)
+{
+    std::string why;
+    if (!set_key(options, why)) return fail(cli::KeyTrouble, why);
+    if (access(options.directory.c_str(), W_OK | X_OK) != 0)
+        return fail(cli::NoOutput, options.directory + ": " + strerror(errno));
+
+    const sigset_t signals = tools::block_signals();
+    const tools::Silence silence;
+    Recorder recorder;
+    fill(recorder, options);
+    cli::open_events(recorder.events, dup(silence.saved), options.json);
+    tools::DirectoryUse use;
+    tools::use_directory(use, options.directory,
+                         [&recorder](const tools::Recovered& file) { tell_recovered(recorder, file); });
+    if (!os_startup(4, 1)) return fail(cli::Failed, "the event loop cannot be started");
 
     os_main_lock();
-    const bool listening = listen(recorder, why) && os_timer_create(on_second, 1000, &recorder);
+    const bool started = start(recorder, why);
     os_main_unlock();
-    int number = 0;
-    if (listening) sigwait(&signals, &number);
+    const int number = started ? wait_for_end(recorder, signals) : 0;
 
     os_main_lock(); // for good: the loop is to touch nothing any more
     recorder.over = true;
-    if (recorder.camera.client) let_go(recorder);
+    if (recorder.camera.client) let_go(recorder, "the recorder ends");
     os_cleanup();
-    if (!listening) return fail(why);
-    return recorder.failed || (options.once && recorder.finished == 0) ? 1 : 0;
+    if (!started) return fail(cli::Failed, why);
+    const cli::Exit code = outcome(recorder, number);
+    cli::tell(recorder.events, "stopped", {{"files", recorder.finished}, {"exit_code", int(code)}}, "");
+    return code;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
-{
-    Options options;
-    CLI::App app{"Record the SDV stream of a camera that connects over TCP.", "sdvrecord"};
-    app.add_option("--listen", options.listen, "IP:PORT to listen on; port 0 lets the system choose")
-        ->required();
-    app.add_option("--out", options.directory, "directory of the AVI files")
-        ->required()
-        ->check(CLI::ExistingDirectory);
-    app.add_option("--key-file", options.keyFile,
-                   "file with the key of an encrypted stream (default: $SDV_KEY)");
-    app.add_option("--max-size", options.maxSize, "bytes after which the next key frame begins a new file")
-        ->check(CLI::Range(uint64_t{1}, tools::LargestAvi))
-        ->capture_default_str();
-    app.add_option("--idle", options.idle, "seconds of silence after which a camera is dropped")
-        ->check(CLI::Range(1, 86400))
-        ->capture_default_str();
-    app.add_flag("--once", options.once, "end after the first camera");
-    cli::complete(app, {"sdvrecord --listen 0.0.0.0:9000 --out recordings", {{cli::Failed, ""}}});
-    if (const auto over = cli::parse(app, argc, argv)) return *over;
+try {
+    cli::RecordOptions options;
+    if (const auto over = cli::parse_record_options(options, argc, argv)) return *over;
 
     tools::fill_standard_descriptors();
     return run(options);
+} catch (const std::exception& error) {
+    return cli::give_up("sdvrecord", error);
 }
