@@ -1,8 +1,10 @@
-// sdvmake: an SDV recording from an H.264 byte stream and, if wanted, audio; with damage for tests.
+// sdvmake: an SDV recording from an H.264 byte stream and, if wanted, audio, or from an AVI file; with damage
+// for tests.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <random>
 
 #include "CommonFun.h"
@@ -11,10 +13,14 @@
 #include "audio_slots.h"
 #include "cli.h"
 #include "files.h"
+#include "from_avi.h"
 #include "key.h"
+#include "recording_name.h"
 #include "sdv_build.h"
 #include "sps.h"
 #include "temp_output.h"
+
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -27,13 +33,14 @@ const int CODE_AAC = 22;
 
 struct Options
 {
-    std::string video, output, audio, keyText, keyFile, start;
+    std::string video, avi, output, audio, keyText, keyFile, start;
     int audioCode = 0;
     uint32_t audioRate = 0; // 0: as the audio says
     size_t slotSamples = 320;
     uint16_t mode = 21, rate = 25, width = 0, height = 0;
     size_t drop = 0, garbage = 0;
     uint64_t truncate = 0, seed = 1;
+    bool json = false;
 };
 
 // Everything that goes into a recording, read and tested.
@@ -43,8 +50,9 @@ struct Recording
     sdv::Bytes stream;
     std::vector<annexb::Nal> nals;
     std::vector<annexb::AccessUnit> pictures;
-    std::vector<audio::Slots> audio; // empty, or one for every picture
-    sdv::Bytes key;                  // empty: not enciphered
+    std::vector<audio::Slots> audio;     // empty, or one for every picture
+    std::vector<sdv::FrameFields> ready; // from an AVI file: one for every picture, with all of its bytes
+    sdv::Bytes key;                      // empty: not enciphered
 };
 
 // What is done to the frames of a recording, by their place in it.
@@ -53,6 +61,13 @@ struct Damage
     std::vector<bool> dropped;
     std::vector<bool> garbageBehind;
     std::mt19937_64 random; // draws the same numbers everywhere, which the library's distributions do not
+};
+
+// What came out.
+struct Made
+{
+    size_t frames = 0;
+    uint64_t bytes = 0, garbage = 0;
 };
 
 struct Failure
@@ -91,29 +106,33 @@ uint16_t timing_rate(const Options& options)
 
 void add_options(CLI::App& app, Options& options)
 {
-    const std::map<std::string, int> codes = {{"alaw", CODE_ALAW}, {"mulaw", CODE_MULAW}, {"aac", CODE_AAC}};
-
-    app.add_option("VIDEO", options.video, "H.264 byte stream (Annex B)")->required();
+    auto* video = app.add_option("VIDEO", options.video, "H.264 byte stream (Annex B)");
+    auto* avi =
+        app.add_option("--from-avi", options.avi, "Instead: AVI file made of a recording")->excludes(video);
     app.add_option("-o,--output", options.output, "SDV recording to write")->required();
     auto* file = app.add_option("--audio", options.audio, "Raw G.711 or AAC in ADTS frames");
-    auto* code = app.add_option("--audio-code", options.audioCode, "Coding of the audio: alaw, mulaw or aac")
-                     ->transform(CLI::Transformer(codes))
-                     ->check(CLI::IsMember({CODE_ALAW, CODE_MULAW, CODE_AAC}));
+    auto* code = app.add_option("--audio-code", options.audioCode, "Coding of the audio");
+    cli::choose(code, {{"alaw", CODE_ALAW}, {"mulaw", CODE_MULAW}, {"aac", CODE_AAC}});
     file->needs(code);
     code->needs(file);
     app.add_option("--audio-rate", options.audioRate,
                    "Samples a second [G.711: 8000; AAC: as its frames say]")
         ->needs(file)
         ->check(CLI::Range(1u, 192000u));
-    app.add_option("--slot", options.slotSamples, "Samples in a G.711 slot")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 65531));
+    auto* slot = app.add_option("--slot", options.slotSamples, "Samples in a G.711 slot")
+                     ->capture_default_str()
+                     ->check(CLI::Range(1, 65531));
     app.add_option("--mode", options.mode, "Stream mode: 21, 31, 32 or 41")->capture_default_str();
-    app.add_option("--rate", options.rate, "Pictures a second")->capture_default_str();
-    auto* width = app.add_option("--width", options.width, "Picture width [as the stream says]");
-    auto* height = app.add_option("--height", options.height, "Picture height [as the stream says]");
+    auto* rate = app.add_option("--rate", options.rate, "Pictures a second")
+                     ->capture_default_str()
+                     ->check(CLI::Range(0, 65535));
+    auto* width = app.add_option("--width", options.width, "Picture width [as the stream says]")
+                      ->check(CLI::Range(1, 65535));
+    auto* height = app.add_option("--height", options.height, "Picture height [as the stream says]")
+                       ->check(CLI::Range(1, 65535));
     width->needs(height);
     height->needs(width);
+    for (CLI::Option* option : {file, slot, rate, width}) avi->excludes(option);
     app.add_option("--start", options.start, "Start of the recording, \"YYYY-MM-DD hh:mm:ss\"");
     auto* key = app.add_option("--key", options.keyText, "Encipher every frame: 1 to 16 bytes in hex");
     app.add_option("--key-file", options.keyFile, "The same, from a file of hex text")->excludes(key);
@@ -121,6 +140,7 @@ void add_options(CLI::App& app, Options& options)
     app.add_option("--garbage", options.garbage, "Runs of random bytes to put between frames");
     app.add_option("--truncate", options.truncate, "Bytes to cut off the end");
     app.add_option("--seed", options.seed, "Where and what the damage is")->capture_default_str();
+    app.add_flag("--json", options.json, "Tell what was made, as JSON");
 }
 
 void test_header_options(const Options& options)
@@ -134,20 +154,32 @@ void test_header_options(const Options& options)
     if (!IsValidFileHeader(&header)) refuse("a recording has at most 30 pictures a second");
     if (options.mode == 31 || options.mode == 32)
         warn("recordings of mode " + std::to_string(options.mode) +
-             " can only be pushed as a stream, not converted");
+             " are converted by pushing them as a stream, as sdv2avi does");
     if (options.rate == 0) warn("no player can time a recording of 0 pictures a second");
 }
 
 void parse_start(const std::string& text, sdv::FileFields& header)
 {
     if (text.empty()) return;
-    int end = 0;
-    const int fields = sscanf(text.c_str(), "%4hu-%2hu-%2hu %2hu:%2hu:%2hu%n", &header.year, &header.month,
-                              &header.day, &header.hour, &header.minute, &header.second, &end);
-    const bool possible = header.month >= 1 && header.month <= 12 && header.day >= 1 && header.day <= 31 &&
-                          header.hour <= 23 && header.minute <= 59 && header.second <= 59;
-    if (fields != 6 || end != 19 || text.size() != 19 || !possible)
-        refuse("the start is to be \"YYYY-MM-DD hh:mm:ss\"");
+    tm parts = {};
+    const char* end = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
+    if (!end || *end != '\0' || text.size() != 19)
+        refuse("\"" + text + "\" is no start: it is to be \"YYYY-MM-DD hh:mm:ss\"");
+    S_FileHeader date = {};
+    date.Year = uint16_t(parts.tm_year + 1900);
+    date.Month = uint16_t(parts.tm_mon + 1);
+    date.Day = uint16_t(parts.tm_mday);
+    date.Hour = uint16_t(parts.tm_hour);
+    date.Minute = uint16_t(parts.tm_min);
+    date.Second = uint16_t(parts.tm_sec);
+    if (!tools::start_of(date))
+        refuse("\"" + text + "\" is no start: no calendar has it, or it is before 2000");
+    header.year = date.Year;
+    header.month = date.Month;
+    header.day = date.Day;
+    header.hour = date.Hour;
+    header.minute = date.Minute;
+    header.second = date.Second;
 }
 
 sdv::Bytes read_key(const Options& options, bool wanted)
@@ -168,9 +200,25 @@ void read_video(const Options& options, Recording& recording)
     recording.stream = read_input(options.video);
     recording.nals = annexb::split_nals(recording.stream);
     recording.pictures = annexb::split_access_units(recording.stream, recording.nals);
-    const auto& pictures = recording.pictures;
-    if (pictures.empty()) refuse(options.video + " holds no H.264 picture between Annex B start codes");
+    if (recording.pictures.empty())
+        refuse(options.video + " holds no H.264 picture between Annex B start codes");
+    // Recordings and AVI files hold start codes as well, behind headers that are no video.
+    const auto first = recording.stream.begin() + long(recording.nals.front().begin);
+    if (std::any_of(recording.stream.begin(), first, [](uint8_t byte) { return byte != 0; }))
+        refuse(options.video + " does not begin with an Annex B start code");
+}
 
+void read_avi(Options& options, Recording& recording)
+{
+    std::string why;
+    if (!sdv::from_avi(options.avi, recording.header, recording.ready, why)) throw Failure{cli::Failed, why};
+    options.rate = recording.header.frameRate;
+    for (const sdv::FrameFields& frame : recording.ready)
+        recording.pictures.push_back({0, 0, frame.type == 0});
+}
+
+void warn_about_key_frames(const std::vector<annexb::AccessUnit>& pictures)
+{
     const auto isKey = [](const annexb::AccessUnit& unit) { return unit.key; };
     if (std::none_of(pictures.begin(), pictures.end(), isKey))
         warn("the video has no key frame; a file conversion starts at one");
@@ -244,22 +292,29 @@ void read_audio(const Options& options, Recording& recording)
                                   : deal_g711(options, bytes, recording);
 }
 
-sdv::Bytes build_frame(const Options& options, Recording& recording, size_t place)
+sdv::FrameFields read_frame(const Options& options, Recording& recording, size_t place)
 {
     const annexb::AccessUnit& picture = recording.pictures[place];
     if (picture.end - picture.begin > MAX_FRAME_SIZE)
         refuse("picture " + std::to_string(place + 1) + " is bigger than 1 MiB");
 
     sdv::FrameFields fields;
-    fields.flag = static_cast<uint32_t>(GetFrameFlagByMode(options.mode));
-    fields.number = static_cast<uint32_t>(place + 1);
     fields.type = picture.key ? 0 : 1;
-    fields.timeStamp = static_cast<uint32_t>(uint64_t{place} * 1000 / timing_rate(options));
     const sdv::View stream = recording.stream;
     fields.video = annexb::with_long_start_code(stream.subspan(picture.begin, picture.end - picture.begin));
     // Every frame names the coding, for it is the first one that decides whether the AVI file has audio.
     fields.audioCode = static_cast<uint8_t>(options.audioCode);
     if (!recording.audio.empty()) fields.audioAfter = std::move(recording.audio[place]);
+    return fields;
+}
+
+sdv::Bytes build_frame(const Options& options, Recording& recording, size_t place)
+{
+    sdv::FrameFields fields =
+        recording.ready.empty() ? read_frame(options, recording, place) : std::move(recording.ready[place]);
+    fields.flag = static_cast<uint32_t>(GetFrameFlagByMode(options.mode));
+    fields.number = static_cast<uint32_t>(place + 1);
+    fields.timeStamp = static_cast<uint32_t>(uint64_t{place} * 1000 / timing_rate(options));
 
     sdv::Bytes frame = sdv::frame(fields);
     if (!IsValidFrmHeader(frame.data()))
@@ -295,8 +350,7 @@ Damage plan_damage(const Options& options, const std::vector<annexb::AccessUnit>
     if (options.garbage > gaps.size())
         refuse("there are only " + std::to_string(gaps.size()) + " places between frames for garbage");
 
-    Damage damage;
-    damage.random.seed(options.seed);
+    Damage damage{{}, {}, std::mt19937_64(options.seed)};
     damage.dropped = pick(droppable, options.drop, pictures.size(), damage.random);
     damage.garbageBehind = pick(gaps, options.garbage, pictures.size(), damage.random);
     return damage;
@@ -310,8 +364,9 @@ sdv::Bytes garbage_run(std::mt19937_64& random)
 }
 
 // The header describes the recording as it was before anything happened to it.
-void write_recording(const Options& options, Recording& recording, Damage& damage)
+Made write_recording(const Options& options, Recording& recording, Damage& damage)
 {
+    Made made;
     tools::TempOutput beside; // an older file is not touched until the new one is whole
     std::string why;
     if (!tools::create_temp(beside, options.output, why)) throw Failure{cli::Failed, why};
@@ -321,33 +376,58 @@ void write_recording(const Options& options, Recording& recording, Damage& damag
     sdv::Bytes header = sdv::file_header(recording.header);
     if (!tools::write_output(output, header)) fail_output(options.output);
     uint64_t undamaged = header.size();
-    uint64_t written = header.size();
+    made.bytes = undamaged;
     for (size_t place = 0; place < recording.pictures.size(); ++place) {
         sdv::Bytes bytes = build_frame(options, recording, place);
         undamaged += bytes.size();
+        made.frames += !damage.dropped[place];
         if (damage.dropped[place]) bytes.clear();
+        const size_t sound = bytes.size();
         if (damage.garbageBehind[place]) sdv::append(bytes, garbage_run(damage.random));
+        made.garbage += bytes.size() - sound;
         if (!tools::write_output(output, bytes)) fail_output(options.output);
-        written += bytes.size();
+        made.bytes += bytes.size();
     }
     if (undamaged > UINT32_MAX) refuse("the recording is bigger than 4 GiB");
-    if (options.truncate > written)
-        refuse("the recording has only " + std::to_string(written) + " bytes to cut");
+    if (options.truncate > made.bytes)
+        refuse("the recording has only " + std::to_string(made.bytes) + " bytes to cut");
+    made.bytes -= options.truncate;
 
     recording.header.totalSize = static_cast<uint32_t>(undamaged);
     recording.header.frameCount = static_cast<uint32_t>(recording.pictures.size());
     header = sdv::file_header(recording.header);
     if (!tools::rewrite_start(output, header)) fail_output(options.output);
-    if (options.truncate && !tools::cut_output(output, written - options.truncate))
-        fail_output(options.output);
+    if (options.truncate && !tools::cut_output(output, made.bytes)) fail_output(options.output);
     if (!tools::finish_output(output)) fail_output(options.output);
     if (!tools::commit_temp(beside, why)) throw Failure{cli::Failed, why};
+    return made;
 }
 
-void make_recording(const Options& options, bool keyGiven)
+// Of frames that were cut off at the end, all are counted.
+void print_json(const Options& options, const Recording& recording, const Made& made)
 {
+    using Json = nlohmann::ordered_json;
+    const Json told = {{"output", options.output},
+                       {"bytes", made.bytes},
+                       {"frames", made.frames},
+                       {"mode", recording.header.mode},
+                       {"width", recording.header.width},
+                       {"height", recording.header.height},
+                       {"rate", recording.header.frameRate},
+                       {"audio", recording.header.hasAudio != 0},
+                       {"encrypted", !recording.key.empty()},
+                       {"dropped", recording.pictures.size() - made.frames},
+                       {"garbage_bytes", made.garbage},
+                       {"cut_off_bytes", options.truncate}};
+    printf("%s\n", told.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    if (fflush(stdout) != 0) throw Failure{cli::Failed, "standard output cannot be written"};
+}
+
+void make_recording(Options options, bool keyGiven)
+{
+    if (options.video.empty() == options.avi.empty()) refuse("there is to be a VIDEO or --from-avi");
     test_header_options(options);
-    for (const std::string* input : {&options.video, &options.audio, &options.keyFile})
+    for (const std::string* input : {&options.video, &options.avi, &options.audio, &options.keyFile})
         if (tools::same_file(*input, options.output)) refuse("the output is also an input: " + *input);
 
     Recording recording;
@@ -355,21 +435,28 @@ void make_recording(const Options& options, bool keyGiven)
     recording.header.frameRate = options.rate;
     parse_start(options.start, recording.header);
     recording.key = read_key(options, keyGiven);
-    read_video(options, recording);
-    set_picture_size(options, recording);
-    read_audio(options, recording);
+    if (options.avi.empty()) {
+        read_video(options, recording);
+        set_picture_size(options, recording);
+        read_audio(options, recording);
+    } else {
+        read_avi(options, recording);
+    }
+    warn_about_key_frames(recording.pictures);
     Damage damage = plan_damage(options, recording.pictures);
-    write_recording(options, recording, damage);
+    const Made made = write_recording(options, recording, damage);
+    if (options.json) print_json(options, recording, made);
 }
 
 int run(int argc, char** argv)
 {
     signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a write that fails
     Options options;
-    CLI::App app("Make an SDV recording from an H.264 byte stream", "sdvmake");
+    CLI::App app("Make an SDV recording from an H.264 byte stream or an AVI file", "sdvmake");
     add_options(app, options);
     cli::complete(app, {"sdvmake clip.h264 -o clip.sdv\n"
-                        "sdvmake clip.h264 --audio tone.aac --audio-code aac -o clip.sdv",
+                        "sdvmake clip.h264 --audio tone.aac --audio-code aac -o clip.sdv\n"
+                        "sdvmake --from-avi clip.avi -o clip.sdv",
                         {{cli::Failed, ""}}});
     if (const auto over = cli::parse(app, argc, argv)) return *over;
     try {
@@ -384,11 +471,8 @@ int run(int argc, char** argv)
 } // namespace
 
 int main(int argc, char** argv)
-{
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {
-        fprintf(stderr, "sdvmake: %s\n", error.what());
-        return cli::Failed;
-    }
+try {
+    return run(argc, argv);
+} catch (const std::exception& error) {
+    return cli::give_up("sdvmake", error);
 }
