@@ -20,11 +20,13 @@ need_packages() {
   echo "Installing Debian packages:" $missing
   $as_root apt-get update -q >/dev/null || return 1
   # shellcheck disable=SC2086
-  DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -q --no-install-recommends $missing >/dev/null
+  $as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing >/dev/null
 }
 
-packages_build="g++ cmake make libcli11-dev"
+packages_build="g++ cmake make libcli11-dev nlohmann-json3-dev"
 packages_unit="$packages_build libgtest-dev"
-packages_test="$packages_unit git googletest clang-format python3 ffmpeg
+packages_test="$packages_unit git pkg-config googletest faketime clang-format python3 ffmpeg chromium
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   g++-arm-linux-gnueabihf qemu-user-static binutils"
+packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
+packages_analyse="cppcheck clang-tidy"
