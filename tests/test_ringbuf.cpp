@@ -1,7 +1,5 @@
 #include <atomic>
-#include <deque>
 #include <memory>
-#include <random>
 
 #include "libos.h"
 #include "support.h"
@@ -17,34 +15,6 @@ static std::string contents(const Ring& rb)
 static void put(const Ring& rb, const std::string& bytes)
 {
     EXPECT_EQ(ringbuf_write(static_cast<int32>(bytes.size()), bytes.data(), rb.get()), rb->bufsize);
-}
-
-TEST(Ringbuf, AnyMixOfCallsKeepsTheStream)
-{
-    std::mt19937 random(7);
-    for (const int32 bufsize : {1, 8, 13, 300})
-        for (const int type : {RINGBUF_WRITE_BLOCK, RINGBUF_WRITE_COVER}) {
-            const Ring rb(ringbuf_create(bufsize, type), ringbuf_destroy);
-            std::deque<uint8> model;
-            for (int step = 0; step < 3000; ++step) {
-                uint8 bytes[700];
-                int32 size = static_cast<int32>(random() % (2 * static_cast<uint32>(bufsize) + 2));
-                if (random() % 2) {
-                    if (type == RINGBUF_WRITE_BLOCK) size = std::min(size, ringbuf_capacity(rb.get()));
-                    for (int32 i = 0; i < size; ++i) model.push_back(bytes[i] = static_cast<uint8>(random()));
-                    while (model.size() > static_cast<size_t>(bufsize)) model.pop_front();
-                    EXPECT_EQ(ringbuf_write(size, bytes, rb.get()), size ? bufsize : 0);
-                } else {
-                    const int32 count = std::min(size, static_cast<int32>(model.size()));
-                    EXPECT_TRUE(!count || *static_cast<uint8*>(ringbuf_getdata(rb.get())) == model[0]);
-                    ASSERT_EQ(ringbuf_copy(size, bytes, rb.get()), count);
-                    ASSERT_EQ(ringbuf_read(size, bytes, rb.get()), count);
-                    ASSERT_TRUE(std::equal(bytes, bytes + count, model.begin()));
-                    model.erase(model.begin(), model.begin() + count);
-                }
-                ASSERT_EQ(ringbuf_datasize(rb.get()), static_cast<int32>(model.size()));
-            }
-        }
 }
 
 TEST(Ringbuf, CountsComeDownAndWhatIsGoneStaysGone)

@@ -1,0 +1,9 @@
+#include "container_models.h"
+#include "fuzz.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
+{
+    FuzzedDataProvider data(bytes, size);
+    data.ConsumeBool() ? drive_list(data) : drive_ring(data);
+    return 0;
+}
