@@ -156,13 +156,25 @@ int in_child(const std::function<int()>& work)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+static bool set_file_limit(uint64_t limit)
+{
+    rlimit size;
+    getrlimit(RLIMIT_FSIZE, &size);
+    size.rlim_cur = std::min<rlim_t>(limit, size.rlim_max);
+    return setrlimit(RLIMIT_FSIZE, &size) == 0;
+}
+
 int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work)
 {
     return in_child([&] {
         signal(SIGXFSZ, SIG_IGN);
-        const rlimit size = {rlim_t(limit), rlim_t(limit)};
-        return setrlimit(RLIMIT_FSIZE, &size) == 0 ? work() : 99;
+        return set_file_limit(limit) ? work() : 99;
     });
+}
+
+void lift_file_limit()
+{
+    EXPECT_TRUE(set_file_limit(RLIM_INFINITY));
 }
 
 void two_at_once(const std::function<void(int)>& work)

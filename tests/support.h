@@ -70,9 +70,10 @@ using Told = std::pair<long, std::string>;
 Told told(int fd, const std::function<long()>& work);
 
 // The exit status of work in a forked child, 128 and the signal when one ended it; and of one whose files
-// cannot grow beyond a limit.
+// cannot grow beyond a limit, until it is lifted.
 int in_child(const std::function<int()>& work);
 int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work);
+void lift_file_limit();
 
 // Two threads that call work(0) and work(1) as nearly at once as a barrier allows.
 void two_at_once(const std::function<void(int)>& work);

@@ -80,6 +80,20 @@ TEST(Conversion, OutcomesByPath)
     expect_video(dir / "target", three);
 }
 
+TEST(Conversion, OutputDirectoryNotWritable)
+{
+    TempDir dir;
+    write_file(dir / "in", recording(three));
+    EXPECT_EQ(chmod(dir.path.c_str(), 0555), 0);
+    const int status = in_child([&]() -> int {
+        if (geteuid() == 0 && setuid(65534) != 0) return 2; // root may write anywhere
+        return convert(dir / "in", dir / "out") == noOutput ? 0 : 1;
+    });
+    EXPECT_EQ(chmod(dir.path.c_str(), 0700), 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(exists(dir / "out"));
+}
+
 TEST(Conversion, LongAndMissingPathsAreRefusedNotCut)
 {
     TempDir dir;
@@ -221,16 +235,21 @@ TEST(Conversion, ManyLeaveNothingBehind)
 TEST(Conversion, FullDiskIsNoSuccess)
 {
     TempDir dir;
-    write_file(dir / "in", recording(three));
+    write_file(dir / "in", recording({picture(1, 30000, 0), picture(2, 20001), picture(3, 9000)}));
     convert(dir / "in", dir / "out");
     const uint64_t whole = file_size(dir / "out");
-    for (const uint64_t limit : {uint64_t(0), uint64_t(800), whole - 40, whole - 1, whole}) {
+    std::vector<uint64_t> limits = {800, whole - 40, whole - 1, whole};
+    for (uint64_t limit = 0; limit < whole; limit += 4096) limits.push_back(limit);
+    for (const uint64_t limit : limits) {
         const int position = in_child_with_file_limit(limit, [&] {
             const int result = KtConvert_SDVtoAVI(text(dir / "in"), text(dir / "out"));
-            return result == 0 ? g_tSdv2Avi.m_iPosition & 0xFF : 200;
+            const int outcome = result == 0 ? g_tSdv2Avi.m_iPosition & 0xFF : 200;
+            lift_file_limit();
+            return convert(dir / "in", dir / "next") == done ? outcome : 201;
         });
         EXPECT_EQ(position, limit == whole ? 100 : 0xFE) << limit;
         EXPECT_EQ(exists(dir / "out"), limit == whole);
+        EXPECT_EQ(file_size(dir / "next"), whole);
     }
 }
 

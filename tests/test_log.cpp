@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <sstream>
 
 #include "support.h"
@@ -74,6 +75,8 @@ TEST(LogFileDeathTest, OldFilesAreCleanedUp)
         {log_name(9), 0, 'f', false},      {log_name(6), 30, 'f', true},
         {"log_notadate", 30, 'f', true},   {"log_2000-01-02", 30, 'd', true},
         {"log_2000-01-04", 0, 'l', true},  {"alog_2000-01-01", 30, 'f', true},
+        {"log_2000-02-30", 0, 'f', false}, {"log_2000-13-01", 30, 'f', true},
+        {"log_20000101", 30, 'f', true},   {"log_2000-1-1", 0, 'f', false},
         {"core.123", 8, 'f', false},       {"core.", 8, 'f', false},
         {"core.124", 6, 'f', true},        {"core.dir", 8, 'd', true},
         {"core", 30, 'f', true},           {"acore.1", 30, 'f', true},
@@ -99,6 +102,39 @@ TEST(LogFileDeathTest, OldFilesAreCleanedUp)
         for (const auto& [name, days, kind, stays] : rows)
             EXPECT_EQ(exists(logs + "/" + name), stays) << name << end;
     }
+}
+
+// With a clock of ours preloaded: a line, then the clock moves on, or back.
+TEST(LogClock, EachDayHasItsFile)
+{
+    const struct
+    {
+        std::string now, file;
+        std::vector<std::string> left; // of the files that were there before
+    } rows[] = {
+        {"2026-11-30 23:59:59", "log_2026-11-30", {"log_2026-11-24", "log_2026-11-26"}},
+        {"2026-12-01 00:00:00", "log_2026-12-01", {"log_2026-11-24", "log_2026-11-26"}},
+        {"2026-11-30 00:00:00", "log_2026-11-30", {"log_2026-11-24", "log_2026-11-26"}},
+        {"2026-12-02 12:00:00", "log_2026-12-02", {"log_2026-11-26"}},
+        {"2027-01-02 00:00:00", "log_2026-12-02", {"log_2026-11-26"}}, // the day's number has not changed
+        {"2027-01-03 00:00:00", "log_2027-01-03", {}},
+    };
+    TempDir dir;
+    write_file(dir / "dbg", {});
+    for (const std::string name : {"log_2026-11-22", "log_2026-11-24", "log_2026-11-26"})
+        write_file(dir / name, {});
+    std::map<std::string, std::string> want;
+    log_in(dir, dir / "", [&] {
+        for (const auto& [now, file, left] : rows) {
+            setenv("FAKETIME", now.c_str(), 1);
+            want[file] += written_to(2, [&] { log_msg("line"); });
+            EXPECT_EQ(text_of(dir / file), want[file]) << now;
+            for (const std::string name : {"log_2026-11-22", "log_2026-11-24", "log_2026-11-26"})
+                EXPECT_EQ(exists(dir / name), std::count(left.begin(), left.end(), name) == 1) << now << name;
+        }
+        EXPECT_EQ(want["log_2026-11-30"].substr(0, 39), "2026-11-30 23:59:59 line\n2026-11-30 00:");
+        if (testing::Test::HasFailure()) abort();
+    });
 }
 
 TEST(LogLines, ShapesAndExits)

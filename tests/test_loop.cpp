@@ -51,12 +51,12 @@ TEST(Post, ManyFromAnywhereRunInOrderOnTheLoop)
     static const PostFunc post_many = [](void*) {
         for (intptr_t i = 0; i < 200000; ++i) os_post_func(count, reinterpret_cast<void*>(i));
     };
-    const OnTimerFunc once = [](void*) { os_timer_destroy(timer), post_many(nullptr); };
+    static const OnTimerFunc once = [](void*) { os_timer_destroy(timer), post_many(nullptr); };
     const OnServerAcceptFunc accepted = [](TcpServer*, TcpClient*, void*) { post_many(nullptr); };
     in_layer(4, 1, [&] {
         const Work from[] = {
             [] { os_post_func(post_many, nullptr); },
-            [&] { locked([&] { timer = os_timer_create(once, 0, nullptr); }); },
+            [] { os_post_func([](void*) { timer = os_timer_create(once, 0, nullptr); }, nullptr); },
             [&] { plain_connect(port_of(open_server(accepted)->listenfd)); },
             [] { post_many(nullptr); },
         };

@@ -1,4 +1,5 @@
 #include <array>
+#include <atomic>
 #include <cstring>
 
 #include "support.h"
@@ -104,4 +105,26 @@ TEST(Report, WritesOnlyTheRecordOfThisVersion)
     EXPECT_EQ(GetConversionReport(&larger.known), -1);
     EXPECT_EQ(larger.known.u64Gaps, 42u);
     EXPECT_EQ(GetConversionReport(nullptr), -1);
+}
+
+TEST(Report, IsReadWhileAConversionRuns)
+{
+    TempDir dir;
+    Frames frames;
+    for (uint32_t i = 1; i <= 4000; ++i) frames.push_back(picture(i, 500, i != 1));
+    write_file(dir / "in", recording(frames));
+    std::atomic<bool> over = false;
+    std::thread reader([&] {
+        const std::atomic_ref<int32_t> place(g_tSdv2Avi.m_iPosition);
+        while (!over) {
+            EXPECT_LE(place.load(), 100);
+            EXPECT_LE(report()[0], frames.size());
+        }
+    });
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(convert(dir / "in", dir / "out"), done);
+        EXPECT_EQ(report()[0], frames.size());
+    }
+    over = true;
+    reader.join();
 }

@@ -1,0 +1,129 @@
+// What a device does for years, in a row: nothing may grow. scripts/soak runs it at full length.
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+
+#include "net_support.h"
+
+struct Held
+{
+    long resident = 0, descriptors = 0; // the first in KiB
+};
+
+static long field_of(const std::string& name)
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.compare(0, name.size(), name) == 0) return std::stol(line.substr(name.size()));
+    return -1;
+}
+
+static Held held_now()
+{
+    const auto begin = std::filesystem::directory_iterator("/proc/self/fd");
+    return {field_of("VmRSS:"), std::distance(begin, std::filesystem::directory_iterator())};
+}
+
+// Rounds until `full` (or `quick`, or the time is over: QUORLIN_SOAK is empty, a number of seconds, or
+// "full"); what the process holds when the quick ones are nearly done is what it holds in the end.
+static void soak(const char* what, uint64_t quick, uint64_t full, const std::function<void(uint64_t)>& round)
+{
+    using Clock = std::chrono::steady_clock;
+    const char* wanted = getenv("QUORLIN_SOAK");
+    const uint64_t limit = wanted ? full : quick;
+    const auto end = Clock::now() + std::chrono::seconds(wanted ? std::max(0, atoi(wanted)) : 0);
+    const bool timed = wanted && std::string(wanted) != "full";
+    const long threads = field_of("Threads:");
+    Held first;
+    uint64_t at = 0;
+    for (; at < limit && !testing::Test::HasFailure() && !(timed && Clock::now() > end); ++at) {
+        if (at < quick) first = held_now();
+        round(at);
+    }
+    // A thread that was joined still counts until the system has taken it down.
+    for (int i = 0; field_of("Threads:") > threads && i < 10000; ++i) usleep(1000);
+    const Held last = held_now();
+    printf("%s: %lu rounds; resident %ld -> %ld KiB, descriptors %ld -> %ld, threads %ld -> %ld\n", what,
+           static_cast<unsigned long>(at), first.resident, last.resident, first.descriptors, last.descriptors,
+           threads, field_of("Threads:"));
+    EXPECT_EQ(last.descriptors, first.descriptors);
+    EXPECT_LE(field_of("Threads:"), threads);
+    if (sanitized) return; // sanitizers keep what is freed
+    EXPECT_LT(last.resident, first.resident + 2048);
+}
+
+TEST(Soak, Conversions)
+{
+    TempDir dir;
+    Frames frames;
+    for (uint32_t i = 1; i <= 50; ++i) frames.push_back(picture(i, 700 * i, i % 10 != 1));
+    write_file(dir / "in", recording(frames) + Bytes(100, 0xAA));
+    Bytes first;
+    soak("conversions", 30, 10000, [&](uint64_t i) {
+        unlink((dir / "out").c_str());
+        ASSERT_EQ(convert(dir / "in", dir / "out"), done);
+        if (i == 0) first = read_file(dir / "out");
+        ASSERT_TRUE(i % 100 || same_bytes(read_file(dir / "out"), first));
+    });
+    expect_video(dir / "out", frames);
+}
+
+// As many at once as the table holds; each sends, gets its echo, and goes, with or without a farewell.
+static void connect_all(TcpServer* server, uint64_t round)
+{
+    std::vector<int> peers(64);
+    for (int& peer : peers) ASSERT_GE(peer = plain_connect(port_of(server->listenfd)), 0);
+    for (const int peer : peers) ASSERT_TRUE(send_all(peer, "ping"));
+    for (const int peer : peers) ASSERT_EQ(read_up_to(peer, 4), "ping");
+    for (size_t i = 0; i < peers.size(); ++i)
+        (i + round) % 16 ? close_with_reset(peers[i]) : static_cast<void>(close(peers[i]));
+}
+
+TEST(Soak, Connections)
+{
+    in_layer(64, 1, [] {
+        static std::set<TcpClient*> alive; // main lock
+        const OnServerAcceptFunc accepted = [](TcpServer* from, TcpClient* client, void* count) {
+            static const OnClientDisconnectFunc gone = [](TcpClient* of, void*) { alive.erase(of); };
+            accept_echo(from, client, count);
+            alive.insert(client);
+            os_tcp_client_bind_disconnect(client, gone, nullptr);
+        };
+        int count = 0;
+        TcpServer* server = open_server(accepted, &count);
+        uint64_t rounds = 0;
+        soak("connections, by 64", 30, 1000000 / 64, [&](uint64_t i) {
+            connect_all(server, i);
+            wait_for([] { return alive.empty(); });
+            rounds = i + 1;
+        });
+        EXPECT_EQ(uint64_t(locked([&] { return count; })), 64 * rounds);
+        fflush(nullptr);
+    });
+}
+
+// A stream without an end, in files one behind the other.
+TEST(Soak, Stream)
+{
+    const char* wanted = getenv("QUORLIN_SOAK");
+    const uint64_t fileSize = wanted ? 1u << 30 : 1u << 22;
+    TempDir dir;
+    const Job job;
+    Bytes frame = sdv::frame(picture(1, 250000, 0));
+    uint64_t frames = 0;
+    soak("files", 10, 20, [&](uint64_t) {
+        const std::string path = dir / "a.avi";
+        uint32_t inFile = 0;
+        ASSERT_EQ(StartRecord(0, path.c_str(), 1), 0);
+        for (uint64_t size = 0; size < fileSize; size += frame.size(), ++inFile)
+            ASSERT_EQ(RecordAviEx(frame.data(), int(frame.size())), 0);
+        ASSERT_EQ(StopRecordEx(0), 0);
+        const avi::Report report = expect_sound(path);
+        ASSERT_EQ(report.videoLength, inFile);
+        ASSERT_GE(file_size(path), fileSize);
+        frames += inFile;
+        unlink(path.c_str());
+    });
+    EXPECT_GT(frames, 0u);
+}
