@@ -31,43 +31,17 @@ static avi::Report check(const Bytes& file)
     return avi::check_file(dir / "a.avi");
 }
 
-static const size_t idx = 1232; // the first index entry
-
-static const struct
-{
-    const char* what;
-    size_t at;
-    uint32_t value;
-    size_t offset;       // where it is to be found
-    const char* finding; // and in which words
-} faults[] = {
-    {"RIFF size", 4, 1, 4, "RIFF size"},
-    {"RIFF id", 0, 0, 0, "RIFF"},
-    {"hdrl list size", 16, 192, 16, "hdrl"},
-    {"flags", 44, 0x810, 44, "flags"},
-    {"stream count", 56, 1, 56, "dwStreams"},
-    {"frame count", 48, 4, 48, "dwTotalFrames"},
-    {"buffer size", 60, 20480, 60, "dwSuggestedBufferSize"},
-    {"video strl size", 92, 0xFFFFFFF0, 92, "strl"},
-    {"video length", 140, 5, 140, "dwLength"},
-    {"picture size", 176, 65, 176, "biWidth"},
-    {"audio strl id", 220, 0, 220, "audio strl"},
-    {"audio length", 264, 2, 264, "audio dwLength"},
-    {"audio rate", 256, 16000, 256, "dwRate"},
-    {"movi list size too large", 320, 0x7FFFFFFF, 320, "movi list"},
-    {"movi list size too small", 320, 400, 320, "movi list"},
-    {"movi id", 324, 0, 324, "movi"},
-    {"chunk size past the list", 770, 0xFFFFFFFF, 770, "passes the end"},
-    {"chunk size too small", 770, 78, 770, "chunk's size"},
-    {"chunk id", 766, 0x63643130, 766, "unknown chunk id 01dc"},
-    {"pad byte", 434, 0x00555555, 437, "pad byte"},
-    {"idx1 size", 1228, 64, 1228, "idx1 size"},
-    {"index id", idx + 16, 0x63643030, idx + 16, "index id 00dc"},
-    {"index flags of audio", idx + 20, 0, idx + 20, "index flags"},
-    {"index flags of video", idx + 4, 1, idx + 4, "index flags"},
-    {"index offset", idx + 24, 116, idx + 24, "index offset"},
-    {"last index offset", idx + 72, 0, idx + 72, "index offset"},
-    {"index size", idx + 12, 102, idx + 12, "index size"},
+// What is written over the right value, and how the fault is told; the index entries begin at 1232.
+static const std::tuple<size_t, Word, const char*> faults[] = {
+    {0, "RIFX", "RIFF is"},     {4, 1, "RIFF size"},         {16, 192, "hdrl list"},
+    {44, 0x810, "flags"},       {48, 4, "dwTotalFrames"},    {56, 1, "dwStreams"},
+    {60, 20480, "BufferSize"},  {92, ~15u, "video strl"},    {140, 5, "dwLength"},
+    {176, 65, "biWidth"},       {220, 0, "audio strl"},      {256, 16000, "dwRate"},
+    {264, 2, "audio dwLength"}, {320, ~0u >> 1, "movi"},     {320, 400, "movi list"},
+    {324, "move", "movi"},      {437, half(0x3055), "pad"},  {766, "01dc", "id 01dc"},
+    {770, ~0u, "the end"},      {770, 78, "chunk's size"},   {1228, 64, "idx1 size"},
+    {1236, 1, "index flags"},   {1244, 102, "index size"},   {1248, "00dc", "id 00dc"},
+    {1252, 0, "index flags"},   {1256, 116, "index offset"}, {1304, 0, "index offset"},
 };
 
 TEST(AviCheck, FindsEachFaultOnceAndAlone)
@@ -78,16 +52,16 @@ TEST(AviCheck, FindsEachFaultOnceAndAlone)
     EXPECT_EQ(sound.chunks[4].offset, 1182u);
     EXPECT_TRUE(sound.chunks[0].key && !sound.chunks[2].key);
     EXPECT_EQ(sound.audio.formatTag, 7);
-    for (const auto& fault : faults) {
-        SCOPED_TRACE(fault.what);
-        const avi::Report report = check(with(sound_file(), fault.at, fault.value));
-        ASSERT_EQ(report.findings.size(), 1u) << avi::describe(report);
-        EXPECT_EQ(report.findings[0].offset, fault.offset) << avi::describe(report);
-        EXPECT_NE(report.findings[0].what.find(fault.finding), std::string::npos) << avi::describe(report);
+    for (const auto& [at, value, words] : faults) {
+        const avi::Report report = check(with(sound_file(), at, value));
+        SCOPED_TRACE(testing::Message() << words << " at " << at << ": " << avi::describe(report));
+        ASSERT_EQ(report.findings.size(), 1u);
+        EXPECT_EQ(report.findings[0].offset, at);
+        EXPECT_NE(report.findings[0].what.find(words), std::string::npos);
         EXPECT_EQ(report.chunks.size(), 5u);
     }
     Bytes file = sound_file() + Bytes(1, 0); // one fault hides no other: here a stray byte at the end,
-    for (const auto& [at, value] : {std::pair{28, 0}, {442, 0x10000}, {1182, 0}, {int(idx) + 44, 81}})
+    for (const auto& [at, value] : {std::pair{28, 0}, {442, 0x10000}, {1182, 0}, {1276, 81}})
         file = with(file, size_t(at), value); // avih size, size and id of chunks, an index size between them
     EXPECT_EQ(check(file).findings.size(), 6u);
 }
@@ -104,4 +78,18 @@ TEST(AviCheck, AnyLengthAndAnyBitAreSafe)
     }
     EXPECT_EQ(avi::describe(check(with(part(sound, 0, 316), 4, 0))), "offset 4: no frames were recorded\n");
     EXPECT_FALSE(avi::check_file("/nowhere").sound() || avi::check_file("/dev/zero").sound());
+    EXPECT_EQ(avi::check_file("/nowhere").kind, avi::Kind::unreadable);
+    for (const Bytes& file : {Bytes(300, 1), Bytes()}) EXPECT_EQ(check(file).kind, avi::Kind::other);
+    for (const Bytes& file : {part(sound, 0, 100), Bytes(328, 0) + part(sound, 328, 1224)})
+        EXPECT_EQ(check(file).kind, avi::Kind::avi);
+}
+
+TEST(AviCheck, PicturesBeginWithAStartCode)
+{
+    TempDir dir; // a long code, a short one, and none
+    write_file(dir / "a.avi", with(with(sound_file(), 336, 0x01000000), 774, 0x65010000));
+    avi::Report report = avi::check_file(dir / "a.avi");
+    EXPECT_TRUE(report.sound());
+    avi::check_pictures(dir / "a.avi", report);
+    EXPECT_EQ(avi::describe(report), "offset 1190: the picture begins without a start code\n");
 }

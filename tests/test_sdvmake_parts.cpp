@@ -68,8 +68,10 @@ TEST(Sps, GivesThePictureSizeAfterCropping)
     sps::PictureSize size;
     for (const auto& [what, width, height, digits] : rows) {
         const Bytes nal = hex(digits);
-        EXPECT_TRUE(sps::picture_size(nal, size)) << what;
-        EXPECT_EQ(std::pair(size.width, size.height), std::pair(width, height)) << what;
+        uint32_t rate = 0;
+        EXPECT_TRUE(sps::picture_size(nal, size) && sps::picture_rate(nal, rate)) << what;
+        EXPECT_EQ(std::tuple(size.width, size.height, rate), std::tuple(width, height, 25u)) << what;
+        EXPECT_FALSE(sps::picture_rate(part(nal, 0, nal.size() - 9), rate)) << what;
         for (size_t length = 0; length < 9; ++length)
             EXPECT_FALSE(sps::picture_size(part(nal, 0, length), size)) << what << length;
     }
@@ -91,8 +93,8 @@ TEST(Adts, KeepsWholeFramesOfTornStreams)
     EXPECT_EQ(whole.skipped, 0u);
     const adts::Header header = whole.frames[0].header;
     EXPECT_TRUE(header.sampleRate == 48000 && header.channels == 2 && !header.crc);
-    EXPECT_EQ(adts::split(part(tone, 1, tone.size())).frames.size(), 188u);
-    EXPECT_EQ(adts::split(part(tone, 0, tone.size() - 1)).frames.size(), 188u);
+    for (const size_t from : {0, 1}) // the last frame torn, or the first one
+        EXPECT_EQ(adts::split(part(tone, from, tone.size() - 1 + from)).frames.size(), 188u);
 
     Bytes holed = tone; // a sync word gone, then a frame that claims to be longer than everything left
     holed[whole.frames[50].offset] = 0;
@@ -128,10 +130,8 @@ TEST(Key, HexOfOneToSixteenBytes)
 {
     Bytes key;
     std::string why;
-    for (const std::string good : {"0fA0", "cccccccccccccccccccccccccccccccc"}) {
-        EXPECT_TRUE(tools::parse_key(good, key, why));
-        EXPECT_EQ(key, hex(good));
-    }
+    for (const std::string good : {"0fA0", "cccccccccccccccccccccccccccccccc"})
+        EXPECT_TRUE(tools::parse_key(good, key, why) && key == hex(good)) << good;
     for (const std::string bad : {"", "abc", "0x12", "12 ", "zz12", "cccccccccccccccccccccccccccccccccc"}) {
         EXPECT_FALSE(tools::parse_key(bad, key, why)) << bad;
         EXPECT_EQ(key, Bytes(16, 0xCC)) << bad;

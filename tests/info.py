@@ -1,0 +1,140 @@
+#!/usr/bin/env python3
+"""What sdvinfo tells of recordings that were made for it, on the command line and on its page.
+
+    info.py SDVMAKE SDV2AVI AVICHECK DATA_DIR SDVINFO [CHROMIUM]
+
+With CHROMIUM, the page alone, in that browser.
+"""
+import base64
+import html
+import json
+import os
+import re
+import subprocess
+import sys
+from collections import Counter
+from pathlib import Path
+
+from checks import KEY, OTHER_KEY, expect, go_through, make, run
+
+SDVINFO, CHROMIUM = Path(sys.argv[5]).resolve(), sys.argv[6:]
+ODD_NAME = os.fsdecode(b"</script>\xff & \"odd\".sdv")
+
+
+def info(*arguments, code=0):
+    return run(SDVINFO, *arguments, code=code).stdout
+
+
+def prepare():
+    make("plain.sdv")
+    os.mkdir("<")
+    make(ODD_NAME, "--drop", "3", "--garbage", "4", "--truncate", "100", "--key", KEY)
+    Path("noise.sdv").write_bytes(b"\x55" * 4096)
+
+
+def at(tree, path):
+    for step in path.split("/"):
+        tree = tree[step]
+    return tree
+
+
+# ---- the command line
+
+def figures():
+    told = json.loads(info("--json", "plain.sdv"))
+    wanted = {"frames/found": 100, "frames/recorded": 100, "time/seconds": 4.0, "time/realRate": 25.0,
+              "keyFrames/count": 4, "keyFrames/interval": 25.0, "picture/stream": "352 x 288",
+              "picture/agrees": True, "audio/coding": "G.711 mu-law", "audio/seconds": 4.0, "audio/drift": 0.0,
+              "encryption/keyFits": "nothing encrypted", "damage/list": [], "numbering/missing": 0}
+    for path, value in wanted.items():
+        expect(path, at(told, path), value)
+
+
+def frames():
+    first, second, third = json.loads(info("--json", "--frames", "plain.sdv", ODD_NAME, "noise.sdv", code=3))
+    listed = first["frameList"]
+    expect("frames listed", [f["number"] for f in listed], list(range(1, 101)))
+    expect("end of the last", listed[-1]["offset"] + listed[-1]["size"], first["size"])
+    expect("name", second["file"], os.fsencode(ODD_NAME).decode(errors="replace"))
+    expect("fates", {f["fate"] for f in second["frameList"]}, {"encrypted, without a key"})
+    expect("no recording", third["error"], "noise.sdv: is no SDV recording")
+    lines = info("--frames", "plain.sdv").splitlines()
+    expect("frames in the text", sum(line.endswith("  recorded") for line in lines), 100)
+
+
+def codes():
+    keyed = ["--key", KEY]
+    files = lambda: {path: path.read_bytes() for path in Path(".").rglob("*.*")}
+    before = files()
+    for code, arguments in ((3, ["noise.sdv"]), (1, ["missing.sdv"]), (1, ["."]), (7, [ODD_NAME, *keyed]),
+                            (5, [ODD_NAME, "--key", OTHER_KEY]), (5, ["plain.sdv", "--key", "xyz"]),
+                            (7, [ODD_NAME, "plain.sdv", *keyed]), (1, [ODD_NAME, "missing.sdv", "noise.sdv"]),
+                            (2, ["--report", "a.html", "plain.sdv", "noise.sdv"]),
+                            (2, ["--report", "plain.sdv", "plain.sdv"]), (6, ["--report", "no/a.html", "plain.sdv"])):
+        info(*arguments, code=code)
+    assert files() == before, "files came, went or changed"
+    os.symlink("plain.sdv", "\033[31m\x9b.sdv")
+    assert not {"\033", "\x9b"} & {*info("\033[31m\x9b.sdv")}, "colour without a terminal"
+    Path("headers.sdv").write_bytes(Path("plain.sdv").read_bytes()[:88])
+    assert "but no frame in it" in info("headers.sdv").splitlines()[0]
+
+
+# ---- the page
+
+def browse(path):
+    """The page as the browser holds it, which must have nothing to complain of."""
+    done = subprocess.run([*CHROMIUM, "--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",
+                           "--allow-file-access-from-files", "--virtual-time-budget=3000", "--dump-dom",
+                           Path(path).resolve().as_uri()], capture_output=True, timeout=120)
+    complaints = [line for line in done.stderr.decode(errors="replace").splitlines() if "CONSOLE" in line]
+    expect("console messages", complaints, [])
+    return done.stdout.decode()
+
+
+def value_of(text, like):
+    if isinstance(like, bool):
+        return text == "true"
+    return text or None if like is None or isinstance(like, str) else float(text)
+
+
+def page():
+    told = info("--json", ODD_NAME, "--key", KEY, "--report", "page.html", code=7)
+    shown = browse("page.html")
+    expect("embedded figures", re.search(r'id="data">(.*?)</script>', shown, re.S)[1].strip(), told.strip())
+    tree = json.loads(told)
+    facts = {path: html.unescape(text) for path, text in re.findall(r'<data id="(.*?)" value="(.*?)"', shown)}
+    expect("facts", {path: value_of(text, at(tree, path)) for path, text in facts.items()},
+           {path: at(tree, path) for path in facts})
+    assert len(facts) > 30, f"only {len(facts)} facts on the page"
+    bins = [dict(zip(tree["timeline"]["columns"], row)) for row in tree["timeline"]["bins"]]
+    count = lambda column: sum(row[column] > 0 for row in bins)
+    expect("bars", Counter(re.findall(r'<rect class="(\w+)" x=', shown)),
+           {"key": count("keyFrames"), "audio": count("audioSlots"), "damage": count("damage"),
+            "missing": count("missing"), "frame": len(bins) - count("keyFrames") + len(tree["seconds"]["bins"]),
+            "hit": len(bins) + len(tree["seconds"]["bins"])})
+    expect("rows", Counter(re.findall(r'<tr class="(\w+)"', shown)),
+           {"place": tree["damage"]["places"], "jump": tree["numbering"]["gaps"]})
+
+
+def phone():
+    """On a phone nothing lies beside the screen. The page lies in a frame of a phone's width, which measures it."""
+    info(ODD_NAME, "--key", KEY, "--report", "page.html", code=7)
+    text = base64.b64encode(Path("page.html").read_bytes()).decode()
+    Path("phone.html").write_text(f"""<!doctype html><iframe width="390" height="800" style="border:0"></iframe><p></p>
+<script>const frame = document.querySelector("iframe");
+frame.onload = () => {{
+  const page = frame.contentDocument.documentElement;
+  document.querySelector("p").textContent = page.clientWidth + " of " + page.scrollWidth;
+}};
+frame.srcdoc = new TextDecoder().decode(Uint8Array.from(atob("{text}"), c => c.charCodeAt(0)));</script>""")
+    seen, whole = re.findall(r"<p>(\d+) of (\d+)</p>", browse("phone.html"))[-1]
+    assert int(seen) > 300, f"the frame was not measured: {seen}"
+    expect("width on a phone", whole, seen)
+
+
+if __name__ == "__main__":
+    if CHROMIUM and CHROMIUM[0].endswith("NOTFOUND"):
+        print("skipped: no chromium to look at the page with")
+        sys.exit(77)
+    checks = (page, phone) if CHROMIUM else (figures, frames, codes)
+    go_through([(check.__name__, check) for check in checks], prepare)
