@@ -8,7 +8,7 @@
 
 struct Held
 {
-    long resident = 0, descriptors = 0; // the first in KiB
+    long resident = 0, descriptors = 0, threads = 0; // the first in KiB
 };
 
 static long field_of(const std::string& name)
@@ -22,7 +22,8 @@ static long field_of(const std::string& name)
 static Held held_now()
 {
     const auto begin = std::filesystem::directory_iterator("/proc/self/fd");
-    return {field_of("VmRSS:"), std::distance(begin, std::filesystem::directory_iterator())};
+    return {field_of("VmRSS:"), std::distance(begin, std::filesystem::directory_iterator()),
+            field_of("Threads:")};
 }
 
 // Rounds until `full` (or `quick`, or the time is over: QUORLIN_SOAK is empty, a number of seconds, or
@@ -34,7 +35,6 @@ static void soak(const char* what, uint64_t quick, uint64_t full, const std::fun
     const uint64_t limit = wanted ? full : quick;
     const auto end = Clock::now() + std::chrono::seconds(wanted ? std::max(0, atoi(wanted)) : 0);
     const bool timed = wanted && std::string(wanted) != "full";
-    const long threads = field_of("Threads:");
     Held first;
     uint64_t at = 0;
     for (; at < limit && !testing::Test::HasFailure() && !(timed && Clock::now() > end); ++at) {
@@ -42,13 +42,13 @@ static void soak(const char* what, uint64_t quick, uint64_t full, const std::fun
         round(at);
     }
     // A thread that was joined still counts until the system has taken it down.
-    for (int i = 0; field_of("Threads:") > threads && i < 10000; ++i) usleep(1000);
+    for (int i = 0; field_of("Threads:") > first.threads && i < 10000; ++i) usleep(1000);
     const Held last = held_now();
     printf("%s: %lu rounds; resident %ld -> %ld KiB, descriptors %ld -> %ld, threads %ld -> %ld\n", what,
            static_cast<unsigned long>(at), first.resident, last.resident, first.descriptors, last.descriptors,
-           threads, field_of("Threads:"));
+           first.threads, last.threads);
     EXPECT_EQ(last.descriptors, first.descriptors);
-    EXPECT_LE(field_of("Threads:"), threads);
+    EXPECT_LE(last.threads, first.threads);
     if (sanitized) return; // sanitizers keep what is freed
     EXPECT_LT(last.resident, first.resident + 2048);
 }
