@@ -3,7 +3,13 @@
 #include <arpa/inet.h>
 
 #include <map>
-#include <utility>
+#include <regex>
+
+std::string messages(const std::string& reports)
+{
+    static const std::regex where(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d file: libos_\w+\.cpp line: \d+ )");
+    return std::regex_replace(reports, where, "");
+}
 
 std::string in_process(int status, const Work& body)
 {
@@ -18,7 +24,7 @@ std::string in_process(int status, const Work& body)
     });
     EXPECT_EQ(ended, status) << reports;
     EXPECT_EQ(count_of(reports, "ThreadSanitizer"), 0) << reports; // it changes only a status of 0
-    return reports;
+    return messages(reports);
 }
 
 std::string in_layer(int clients, int servers, const Work& body)
@@ -161,6 +167,14 @@ void open_watched(Watched& watched, uint16_t port)
         EXPECT_EQ(os_tcp_client_set_remote(watched.client, text("127.0.0.1"), port), 1);
         EXPECT_EQ(os_tcp_client_open(watched.client, -1), 1);
     });
+}
+
+int open_pair(Watched& watched, int listener)
+{
+    open_watched(watched, port_of(listener));
+    const int peer = accept(listener, nullptr, nullptr);
+    wait_for([&] { return watched.order.size() >= 2; });
+    return peer;
 }
 
 TcpServer* open_server(OnServerAcceptFunc accept, void* usr)

@@ -1,10 +1,10 @@
-// The models that the fuzzer drives, with random numbers, on every machine.
 #include "../fuzz/container_models.h"
 
 #include <random>
 
 #include "support.h"
 
+// Deals out random numbers as the fuzzer does its bytes: the models it drives are driven on every machine.
 struct RandomData
 {
     std::mt19937 random;
@@ -37,4 +37,21 @@ TEST(Containers, AnyMixOfCallsKeepsWhatTheModelsKeep)
         drive_list(list);
         drive_ring(ring);
     }
+}
+
+TEST(DList, LockIsRecursiveAndTheCallers)
+{
+    DList* list = adt_dlist_create(sizeof(uint32));
+    uint32 value = 1;
+    two_at_once([&](int) {
+        for (int i = 0; i < 300; ++i) {
+            EXPECT_EQ(adt_dlist_lock(list) + adt_dlist_lock(list), 2);
+            adt_dlist_add(list, nullptr, &value);
+            EXPECT_EQ(adt_dlist_unlock(list), 1);
+            adt_dlist_insert(list, nullptr, &value);
+            EXPECT_EQ(adt_dlist_unlock(list), 1);
+        }
+    });
+    EXPECT_EQ(adt_dlist_size(list), 1200u);
+    adt_dlist_destroy(list);
 }

@@ -29,11 +29,10 @@ TEST(Ringbuf, CountsComeDownAndWhatIsGoneStaysGone)
         int32 read = 0, write = 0;
         ringbuf_get_index(rb.get(), &read, &write);
         EXPECT_EQ(static_cast<uint32>(read), writepos - 4 - less);
-        EXPECT_EQ(static_cast<uint32>(write), writepos + 2 - less);
+        EXPECT_EQ(write - read, 6);
+        EXPECT_EQ(ringbuf_remove(-2, rb.get()), 0);
         EXPECT_EQ(contents(rb), "abcdef");
     }
-    EXPECT_EQ(ringbuf_remove(-2, rb.get()), 0);
-    EXPECT_EQ(contents(rb), "abcdef");
     for (int i = 0; i < 5; ++i) { // three are enough to wrap a plain sum round to below writepos
         EXPECT_EQ(ringbuf_remove(INT32_MAX, rb.get()), 0);
         EXPECT_LE(ringbuf_datasize(rb.get()), 0);
@@ -69,32 +68,5 @@ TEST(Ringbuf, BlockedWriterGetsEveryByteThrough)
         writer.join();
         finished = true;
         onlooker.join();
-    }
-}
-
-TEST(Ringbuf, RefusesAndReports)
-{
-    const Ring rb(ringbuf_create(8, RINGBUF_WRITE_BLOCK), ringbuf_destroy);
-    char bytes[8];
-    const struct
-    {
-        const char* report; // the line's end
-        int32 result;
-        std::function<int32()> call;
-    } rows[] = {
-        {"bufsize<=0\n", 0, [] { return ringbuf_create(0, 2) != nullptr; }},
-        {"unkonw ringbug write type\n", 0, [] { return ringbuf_create(16, 2) != nullptr; }},
-        {"ptbuf is null\n", -1, [&] { return ringbuf_write(1, bytes, nullptr); }},
-        {"src is null\n", -1, [&] { return ringbuf_write(1, nullptr, rb.get()); }},
-        {"dst is null\n", -1, [&] { return ringbuf_read(1, nullptr, rb.get()); }},
-        {"", -5, [] { return ringbuf_write(-5, nullptr, nullptr); }},
-        {"", -5, [] { return ringbuf_read(-5, nullptr, nullptr); }},
-        {"", -1, [&] { return ringbuf_copy(1, bytes, nullptr); }},
-        {"", 0, [] { return ringbuf_datasize(nullptr) + ringbuf_capacity(nullptr); }},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(&row - rows);
-        const std::string line = written_to(2, [&] { EXPECT_EQ(row.call(), row.result); });
-        EXPECT_TRUE(line.ends_with(row.report) && line.empty() == !*row.report) << line;
     }
 }

@@ -25,10 +25,9 @@ static void echo_round(int, unsigned dice)
 
 static void plain_round(int, unsigned dice)
 {
-    const std::string message = pattern(1 + dice % 5000, dice);
     const int peer = plain_connect(s_port);
-    EXPECT_TRUE(send_all(peer, message));
-    EXPECT_TRUE(dice % 3 == 0 || read_up_to(peer, message.size()) == message);
+    EXPECT_TRUE(send_all(peer, "ping"));
+    EXPECT_TRUE(dice % 3 == 0 || read_up_to(peer, 4) == "ping");
     dice % 2 ? close_with_reset(peer) : static_cast<void>(close(peer));
 }
 
@@ -37,8 +36,7 @@ static void pour_round(int listener, unsigned dice)
 {
     Watched watched;
     watched.at_most = 30000; // or a fast peer holds the loop
-    open_watched(watched, port_of(listener));
-    const int peer = accept(listener, nullptr, nullptr);
+    const int peer = open_pair(watched, listener);
     std::thread pouring([peer] {
         while (send_all(peer, std::string(2000, 'p'))) {
         }
@@ -57,10 +55,10 @@ static void storm_thread(uint32_t seed)
         seed = seed * 1664525 + 1013904223;
         EXPECT_EQ(os_post_func([](void*) { ++s_posts; }, nullptr), 1);
         LTimer* timer = os_timer_create([](void*) {}, seed % 3000, nullptr);
+        UdpClient* udp = os_udp_client_create();
         const auto kind = round % 3 == 0 ? echo_round : round % 3 == 1 ? plain_round : pour_round;
         kind(listener, seed >> 8);
         EXPECT_EQ(os_timer_destroy(timer), 1);
-        UdpClient* udp = os_udp_client_create();
         EXPECT_EQ(os_udp_client_open(udp) + os_udp_client_destroy(udp), 2);
     }
 }
