@@ -185,11 +185,19 @@ TcpServer* open_server(OnServerAcceptFunc accept, void* usr)
     return server;
 }
 
+static int s_open_echoes = 0; // main lock
+
+int open_echoes()
+{
+    return s_open_echoes;
+}
+
 void accept_echo(TcpServer*, TcpClient* client, void* accepted)
 {
     static std::map<TcpClient*, Watched> echoes; // main lock
     Watched& echo = echoes[client] = {};
-    echo.then = [&echo](char) { echo.send(echo.got); };
+    echo.then = [&echo](char what) { what == 'D' ? --s_open_echoes : echo.send(echo.got); };
     watch(echo, client);
+    ++s_open_echoes;
     ++*static_cast<int*>(accepted);
 }

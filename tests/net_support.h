@@ -60,4 +60,5 @@ void watch(Watched& watched, TcpClient* client);
 void open_watched(Watched& watched, uint16_t port);
 int open_pair(Watched& watched, int listener = plain_listener()); // the peer, once both are connected
 TcpServer* open_server(OnServerAcceptFunc accept, void* usr = nullptr);
+int open_echoes(); // accepted by the next one and not ended; main lock
 void accept_echo(TcpServer*, TcpClient* client, void* accepted); // an int, counted up

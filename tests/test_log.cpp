@@ -165,12 +165,10 @@ TEST(LogLines, ShapesAndExits)
 
 TEST(LogLines, LongLinesAreCutAndKeepTheirEnd)
 {
-    static const std::string tooLong(70000, 'x');
-    static const char* const many = tooLong.c_str();
+    static const std::string many_of_them(70000, 'x');
+    static const char* const many = many_of_them.c_str();
     void (*const writers[])() = {
         [] { err_msg("%s", many); },
-        [] { log_msg2("%s", many); },
-        [] { log_buf_lock(), log_buf_msg_unlock("%s", many); },
         [] { log_buf_lock(), log_buf_msg("%s", many), log_buf_date(), err_buf_msg_unlock("%s", many); },
         [] { log_buf_lock(), log_buf_msg("%40000s", many), log_buf_msg_unlock("%.40000s", many); },
     };

