@@ -149,6 +149,7 @@ TEST(Bits, ThereAndBack)
     for (const unsigned long long number : {0ull, 5ull, 1ull << 63, ~0ull}) {
         memset(bits, 0, sizeof(bits));
         EXPECT_EQ(decimal2binary(number, bits), number ? 64 - __builtin_clzll(number) : 0);
+        EXPECT_EQ(binary2decimal(64, bits), number);
         EXPECT_EQ(binary2decimal(1 << 30, bits), number); // of which 64 count
     }
 
