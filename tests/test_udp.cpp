@@ -9,6 +9,7 @@ static int32 read_datagrams(UdpClient* client, void* usr)
     char data[100], ip[16] = "127.0.0.1";
     uint16 port = 0;
     for (;;) {
+        errno = EIO; // an empty datagram is none
         const int32 count = os_udp_client_read(client, data, sizeof(data), ip, &port);
         if (count == 0 || (count < 0 && errno != 0)) return 0;
         EXPECT_STREQ(ip, s_loopback);
