@@ -3,7 +3,13 @@
 #include <arpa/inet.h>
 
 #include <map>
-#include <utility>
+#include <regex>
+
+std::string messages(const std::string& reports)
+{
+    static const std::regex where(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d file: libos_\w+\.cpp line: \d+ )");
+    return std::regex_replace(reports, where, "");
+}
 
 std::string in_process(int status, const Work& body)
 {
@@ -18,7 +24,7 @@ std::string in_process(int status, const Work& body)
     });
     EXPECT_EQ(ended, status) << reports;
     EXPECT_EQ(count_of(reports, "ThreadSanitizer"), 0) << reports; // it changes only a status of 0
-    return reports;
+    return messages(reports);
 }
 
 std::string in_layer(int clients, int servers, const Work& body)
@@ -163,6 +169,14 @@ void open_watched(Watched& watched, uint16_t port)
     });
 }
 
+int open_pair(Watched& watched, int listener)
+{
+    open_watched(watched, port_of(listener));
+    const int peer = accept(listener, nullptr, nullptr);
+    wait_for([&] { return watched.order.size() >= 2; });
+    return peer;
+}
+
 TcpServer* open_server(OnServerAcceptFunc accept, void* usr)
 {
     TcpServer* server = os_tcp_server_create();
@@ -171,11 +185,19 @@ TcpServer* open_server(OnServerAcceptFunc accept, void* usr)
     return server;
 }
 
+static int s_open_echoes = 0; // main lock
+
+int open_echoes()
+{
+    return s_open_echoes;
+}
+
 void accept_echo(TcpServer*, TcpClient* client, void* accepted)
 {
     static std::map<TcpClient*, Watched> echoes; // main lock
     Watched& echo = echoes[client] = {};
-    echo.then = [&echo](char) { echo.send(echo.got); };
+    echo.then = [&echo](char what) { what == 'D' ? --s_open_echoes : echo.send(echo.got); };
     watch(echo, client);
+    ++s_open_echoes;
     ++*static_cast<int*>(accepted);
 }

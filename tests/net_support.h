@@ -23,7 +23,10 @@ auto locked(Body body)
     return body();
 }
 
-// The layer starts once in a process and never stops, so each case has its own. Returns what it reported.
+// What reports say: each without its date and place, which are held to their form.
+std::string messages(const std::string& reports);
+
+// The layer starts once in a process and never stops, so each case has its own. Returns what its reports say.
 static const int CAME_TO_ITS_END = 42;
 std::string in_process(int status, const Work& body);
 std::string in_layer(int clients, int servers, const Work& body);
@@ -55,5 +58,7 @@ struct Watched
 };
 void watch(Watched& watched, TcpClient* client);
 void open_watched(Watched& watched, uint16_t port);
+int open_pair(Watched& watched, int listener = plain_listener()); // the peer, once both are connected
 TcpServer* open_server(OnServerAcceptFunc accept, void* usr = nullptr);
+int open_echoes(); // accepted by the next one and not ended; main lock
 void accept_echo(TcpServer*, TcpClient* client, void* accepted); // an int, counted up

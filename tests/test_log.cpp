@@ -1,23 +1,21 @@
 #include <sys/stat.h>
-#include <unistd.h>
 #include <utime.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <map>
-#include <sstream>
+#include <regex>
 
-#include "support.h"
+#include "net_support.h"
+
+using namespace std::string_literals;
 
 static const std::string stamp = "0000-00-00 00:00:00 ";
 
-static std::string with_zeros(std::string text) // for every digit
+static std::string with_zeros(const std::string& text) // for every digit
 {
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }, '0');
-    return text;
+    return std::regex_replace(text, std::regex("[0-9]"), "0");
 }
 
 static std::string log_name(int daysAgo)
@@ -37,10 +35,10 @@ static std::string log_in(const TempDir& dir, const std::string& path, const std
             if (chdir(dir.path.c_str()) != 0) return 1;
             log_set_path(text(path));
             work();
-            return 0;
+            return testing::Test::HasFailure() ? 2 : 0;
         });
     });
-    EXPECT_EQ(lines.first, 0);
+    EXPECT_EQ(lines.first, 0) << lines.second;
     return lines.second;
 }
 
@@ -90,8 +88,8 @@ TEST(LogFileDeathTest, OldFilesAreCleanedUp)
         for (const auto& [name, days, kind, stays] : rows) {
             const std::string path = logs + "/" + name;
             if (kind == 'f') write_file(path, {});
-            ASSERT_TRUE(kind != 'd' || mkdir(path.c_str(), 0755) == 0);
-            ASSERT_TRUE(kind != 'l' || symlink("../dbg", path.c_str()) == 0);
+            if (kind == 'd') mkdir(path.c_str(), 0755);
+            EXPECT_TRUE(kind != 'l' || symlink("../dbg", path.c_str()) == 0);
             const time_t when = time(nullptr) - days * 86400L;
             const utimbuf times = {when, when};
             if (kind != 'l') utime(path.c_str(), &times);
@@ -107,21 +105,15 @@ TEST(LogFileDeathTest, OldFilesAreCleanedUp)
 // With a clock of ours preloaded: a line, then the clock moves on, or back.
 TEST(LogClock, EachDayHasItsFile)
 {
-    const struct
-    {
-        std::string now, file;
-        std::vector<std::string> left; // of the files that were there before
-    } rows[] = {
-        {"2026-11-30 23:59:59", "log_2026-11-30", {"log_2026-11-24", "log_2026-11-26"}},
-        {"2026-12-01 00:00:00", "log_2026-12-01", {"log_2026-11-24", "log_2026-11-26"}},
-        {"2026-11-30 00:00:00", "log_2026-11-30", {"log_2026-11-24", "log_2026-11-26"}},
-        {"2026-12-02 12:00:00", "log_2026-12-02", {"log_2026-11-26"}},
-        {"2027-01-02 00:00:00", "log_2026-12-02", {"log_2026-11-26"}}, // the day's number has not changed
-        {"2027-01-03 00:00:00", "log_2027-01-03", {}},
+    const std::string rows[][3] = {
+        // now, the file, and what is left of those of the 22nd, 24th and 26th
+        {"2026-11-30 23:59:59", "log_2026-11-30", "46"}, {"2026-12-01 00:00:00", "log_2026-12-01", "46"},
+        {"2026-11-30 00:00:00", "log_2026-11-30", "46"}, {"2026-12-02 12:00:00", "log_2026-12-02", "6"},
+        {"2027-01-02 00:00:00", "log_2026-12-02", "6"}, // the day's number has not changed
+        {"2027-01-03 00:00:00", "log_2027-01-03", ""},
     };
     TempDir dir;
-    write_file(dir / "dbg", {});
-    for (const std::string name : {"log_2026-11-22", "log_2026-11-24", "log_2026-11-26"})
+    for (const std::string name : {"dbg", "log_2026-11-22", "log_2026-11-24", "log_2026-11-26"})
         write_file(dir / name, {});
     std::map<std::string, std::string> want;
     log_in(dir, dir / "", [&] {
@@ -129,11 +121,10 @@ TEST(LogClock, EachDayHasItsFile)
             setenv("FAKETIME", now.c_str(), 1);
             want[file] += written_to(2, [&] { log_msg("line"); });
             EXPECT_EQ(text_of(dir / file), want[file]) << now;
-            for (const std::string name : {"log_2026-11-22", "log_2026-11-24", "log_2026-11-26"})
-                EXPECT_EQ(exists(dir / name), std::count(left.begin(), left.end(), name) == 1) << now << name;
+            for (const char day : "246"s)
+                EXPECT_EQ(exists(dir / ("log_2026-11-2"s + day)), left.find(day) != left.npos) << now << day;
         }
         EXPECT_EQ(want["log_2026-11-30"].substr(0, 39), "2026-11-30 23:59:59 line\n2026-11-30 00:");
-        if (testing::Test::HasFailure()) abort();
     });
 }
 
@@ -153,11 +144,10 @@ TEST(LogLines, ShapesAndExits)
         {"pdq", {log_buf_quit_unlock, _log_buf_quit_unlock}},
         {"pdeq", {err_buf_quit_unlock, _err_buf_quit_unlock}},
     };
-    for (const auto& [group, writers] : rows)
+    for (const auto& [traits, writers] : rows)
         for (const Writer& write : writers) {
-            const std::string& traits = group;
-            const auto is = [&](char trait) { return traits.find(trait) != traits.npos; };
-            const auto [status, line] = told(2, [&] {
+            const auto is = [&traits = traits](char trait) { return traits.find(trait) != traits.npos; };
+            const auto [status, line] = told(2, [&, &write = write] {
                 return in_child([&] {
                     errno = ENOENT;
                     if (is('p'))
@@ -166,22 +156,19 @@ TEST(LogLines, ShapesAndExits)
                     return errno == ENOENT ? 7 : 8;
                 });
             });
-            EXPECT_EQ(status, is('q') ? 1 : 7) << traits;
             const std::string want = (is('d') ? stamp : "") + (is('p') ? "bef" : "") + "ore0" +
                                      (is('e') ? std::string(": ") + strerror(ENOENT) : "") + "\n";
-            EXPECT_EQ(with_zeros(line), want) << line;
+            EXPECT_EQ(std::pair(status, with_zeros(line)), std::pair(is('q') ? 1L : 7L, want)) << traits;
         }
     EXPECT_EQ(with_zeros(written_to(2, log_date)), stamp);
 }
 
 TEST(LogLines, LongLinesAreCutAndKeepTheirEnd)
 {
-    static const std::string tooLong(70000, 'x');
-    static const char* const many = tooLong.c_str();
+    static const std::string many_of_them(70000, 'x');
+    static const char* const many = many_of_them.c_str();
     void (*const writers[])() = {
         [] { err_msg("%s", many); },
-        [] { log_msg2("%s", many); },
-        [] { log_buf_lock(), log_buf_msg_unlock("%s", many); },
         [] { log_buf_lock(), log_buf_msg("%s", many), log_buf_date(), err_buf_msg_unlock("%s", many); },
         [] { log_buf_lock(), log_buf_msg("%40000s", many), log_buf_msg_unlock("%.40000s", many); },
     };
@@ -205,22 +192,18 @@ TEST(LogLines, ThreadsDoNotMixTheirLines)
             }
         });
     });
-    std::istringstream lines(all);
-    int count = 0;
-    for (std::string line; std::getline(lines, line); ++count)
-        EXPECT_EQ(with_zeros(line), stamp + std::string(60, line.empty() ? ' ' : line.back()));
-    EXPECT_EQ(count, 800);
+    for (const char who : {'a', 'b'})
+        EXPECT_EQ(count_of(with_zeros(all), stamp + std::string(60, who) + "\n"), 400) << all;
 }
 
 TEST(LogLines, PathHoldsUpTo259Characters)
 {
     for (const size_t length : {0, 259, 260, 5000}) {
-        char got[261];
-        memset(got, '#', sizeof(got));
+        std::string got(261, '#');
         const std::string path(length, 'p');
         log_set_path(length ? text(path) : nullptr);
-        log_get_path(got);
-        EXPECT_EQ(got, path.substr(0, 259));
+        log_get_path(got.data());
+        EXPECT_EQ(got.c_str(), path.substr(0, 259));
         EXPECT_EQ(got[260], '#');
     }
 }
