@@ -1,5 +1,6 @@
+#include <fuzzer/FuzzedDataProvider.h>
+
 #include "container_models.h"
-#include "fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {

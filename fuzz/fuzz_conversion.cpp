@@ -1,17 +1,13 @@
 // A recording from the fuzzer's bytes, converted as a file, pushed in pieces and converted the older way.
-#include "Quorlin.h"
-#include "avi_check.h"
-#include "files.h"
-#include "fuzz.h"
-#include "sdv_build.h"
-
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-
+#include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
-static std::string s_input, s_output;
+#include <cstring>
+
+#include "../tests/support.h"
+
+static const TempDir s_directory;
+static const std::string s_input = s_directory / "in.sdv", s_output = s_directory / "out.avi";
 
 struct Run
 {
@@ -19,11 +15,6 @@ struct Run
     sdv::FileFields fields;
     Bytes frames; // behind the file header
 };
-
-static bool is_streamed(uint16_t mode)
-{
-    return mode != 21 && mode != 41;
-}
 
 // Frames that are well formed, of which the fuzzer spoils a few bytes, between bytes of its own.
 static Bytes build_frames(FuzzedDataProvider& data, bool large)
@@ -66,33 +57,16 @@ static Run make_run(const uint8_t* bytes, size_t size)
     return run;
 }
 
-static Bytes output_bytes()
+static void expect_sound_output()
 {
-    Bytes bytes;
-    std::string why;
-    REQUIRE(tools::read_file(s_output, bytes, why));
-    return bytes;
-}
-
-static void require_sound_output()
-{
-    if (std::filesystem::file_size(s_output) <= 316)
-        return; // the bare header area of a recording without chunks
-    const avi::Report report = avi::check_file(s_output);
-    // What the recording itself says wrongly is no fault of the file's structure.
-    for (const avi::Finding& finding : report.findings) {
-        if (finding.what.find("start code") != std::string::npos) continue;
-        fprintf(stderr, "at %llu: %s\n", static_cast<unsigned long long>(finding.offset),
-                finding.what.c_str());
-        abort();
-    }
+    if (file_size(s_output) > 316) expect_sound(s_output); // more than the header area without chunks
 }
 
 static SdvReport report()
 {
     SdvReport all{};
     all.cbSize = sizeof(all);
-    REQUIRE(GetConversionReport(&all) == 0);
+    EXPECT_EQ(GetConversionReport(&all), 0);
     return all;
 }
 
@@ -101,85 +75,60 @@ static bool searches_agree(const Bytes& file, int mode)
 {
     for (size_t at = 0; at + sizeof(S_FrameHeader) <= file.size(); ++at) {
         if (memcmp(&file[at], "\0\0\0\2", 4) != 0) continue;
-        Bytes header(file.begin() + long(at), file.begin() + long(at + sizeof(S_FrameHeader)));
+        Bytes header = part(file, at, at + sizeof(S_FrameHeader));
         if (IsValidFrmHeader(header.data()) != IsValidFrameHeader(header.data(), mode)) return false;
     }
     return true;
 }
 
-static void push(const Bytes& bytes, size_t from, uint8_t piece)
-{
-    while (from < bytes.size()) {
-        const size_t len = std::min(bytes.size() - from, size_t{1} + (piece < 200 ? piece : piece * 200u));
-        Bytes copy(bytes.begin() + long(from), bytes.begin() + long(from + len));
-        REQUIRE(RecordAviEx(copy.data(), int(len)) == 0);
-        from += len;
-        piece = uint8_t(piece * 5 + 1);
-    }
-}
-
 static void record_stream(const S_FileHeader& header, const Bytes& bytes, size_t from, uint8_t piece)
 {
-    Initialize(8000);
+    Job job;
     g_tSdv2Avi.m_Header = header;
-    REQUIRE(StartRecord(0, s_output.c_str(), 1) == 0);
-    push(bytes, from, piece);
-    REQUIRE(StopRecordEx(0) == 0);
-    REQUIRE(report().u64BytesSkipped <= bytes.size() - from);
-    QuorlinRelease();
-    require_sound_output();
+    EXPECT_EQ(StartRecord(0, s_output.c_str(), 1), 0);
+    for (size_t at = from; at < bytes.size(); piece = uint8_t(piece * 5 + 1)) {
+        Bytes copy = part(bytes, at, at + 1 + (piece < 200 ? piece : piece * 200u));
+        EXPECT_EQ(RecordAviEx(copy.data(), int(copy.size())), 0);
+        at += copy.size();
+    }
+    EXPECT_EQ(StopRecordEx(0), 0);
+    EXPECT_LE(report().u64BytesSkipped, bytes.size() - from);
+    expect_sound_output();
 }
 
 static void convert_and_compare(const Run& run, Bytes& file)
 {
-    const int result = KtConvert_SDVtoAVI(s_input.data(), s_output.data());
+    const int result = KtConvert_SDVtoAVI(text(s_input), text(s_output));
     const bool finished = result == 0 && g_tSdv2Avi.m_iPosition == 100;
-    REQUIRE(finished == std::filesystem::exists(s_output));
+    EXPECT_EQ(finished, exists(s_output));
     if (!finished) return;
 
-    require_sound_output();
-    const Bytes whole = output_bytes();
+    expect_sound_output();
+    const Bytes whole = read_file(s_output);
     const SdvReport of_whole = report();
     const S_FileHeader header = g_tSdv2Avi.m_Header;
     int key = -1;
-    REQUIRE(FindFrame(file.data(), int(file.size()), &key, 1) == 1);
+    EXPECT_EQ(FindFrame(file.data(), int(file.size()), &key, 1), 1);
     record_stream(header, file, size_t(key), run.options);
-    if (of_whole.u64DroppedNumber0 || is_streamed(header.Mode) || !searches_agree(file, header.Mode)) return;
-    REQUIRE(whole == output_bytes());
-    REQUIRE(of_whole.u64FramesRecorded == report().u64FramesRecorded);
-}
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    silence_output();
-    std::string directory = (std::filesystem::temp_directory_path() / "quorlin-fuzz-XXXXXX").string();
-    REQUIRE(mkdtemp(directory.data()) != nullptr);
-    static const std::string s_directory = directory;
-    s_input = directory + "/in.sdv";
-    s_output = directory + "/out.avi";
-    atexit([] { std::filesystem::remove_all(s_directory); });
-    return 0;
+    const bool streamed_only = header.Mode != 21 && header.Mode != 41;
+    if (of_whole.u64DroppedNumber0 || streamed_only || !searches_agree(file, header.Mode)) return;
+    EXPECT_TRUE(same_bytes(read_file(s_output), whole));
+    EXPECT_EQ(report().u64FramesRecorded, of_whole.u64FramesRecorded);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     const Run run = make_run(bytes, size);
-    Bytes key(16, 7), file = run.options & 4 ? Bytes{} : sdv::file_header(run.fields);
+    const Bytes header = sdv::file_header(run.fields);
+    Bytes key(16, 7), file = run.options & 4 ? run.frames : header + run.frames;
     SetDecryptKey(run.options & 8 ? key.data() : nullptr, 16);
-    sdv::append(file, run.frames);
-    std::ofstream(s_input, std::ios::binary)
-        .write(reinterpret_cast<const char*>(file.data()), long(file.size()));
+    write_file(s_input, file);
     unlink(s_output.c_str());
     convert_and_compare(run, file);
+    record_stream(*reinterpret_cast<const S_FileHeader*>(header.data()), run.frames, 0, run.options);
 
-    S_FileHeader header{};
-    const Bytes start = sdv::file_header(run.fields);
-    memcpy(&header, start.data(), sizeof(header));
-    record_stream(header, run.frames, 0, run.options);
-
-    Initialize(8000);
-    REQUIRE(ChangeFile2AVI(s_input.data(), s_output.data()) == 0);
-    QuorlinRelease();
-    require_sound_output();
+    const Job older_way;
+    EXPECT_EQ(ChangeFile2AVI(text(s_input), text(s_output)), 0);
+    expect_sound_output();
     return 0;
 }

@@ -1,23 +1,13 @@
 // The event loop's sockets, with peers that the fuzzer scripts: bytes in pieces, pauses, half-close, reset.
 // The layer's side echoes; a peer that behaves gets back what it sent, and in the end every slot is free.
-#include "fuzz.h"
-#include "libos.h"
-
-#include <algorithm>
-#include <set>
-#include <string>
-
 #include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <list>
+
+#include "../tests/net_support.h"
 
 static const int Slots = 16, Peers = 4;
-
-struct Echo // guarded by the main lock
-{
-    std::string waiting;
-    uint32 at_most = 4096; // to read in one go
-};
 
 struct Peer
 {
@@ -26,67 +16,24 @@ struct Peer
     std::string sent, got;
 };
 
-static Echo s_echoes[Slots];
-static std::set<TcpClient*> s_connected, s_dialled;
-static uint32 s_at_most;
+static std::list<Watched> s_accepted, s_dialled; // main lock
 static TcpServer* s_server;
 static UdpClient* s_udp;
 static int s_listener;
 
-struct MainLock
-{
-    MainLock() { os_main_lock(); }
-    ~MainLock() { os_main_unlock(); }
-};
-
-static char* local_host()
-{
-    static char text[] = "127.0.0.1";
-    return text;
-}
-
 // ---- the layer's side
 
-static int32 send_waiting(TcpClient* client, void* udata)
-{
-    std::string& waiting = static_cast<Echo*>(udata)->waiting;
-    while (!waiting.empty()) {
-        const int32 sent = os_tcp_client_send(client, waiting.data(), uint32(waiting.size()));
-        if (sent <= 0) break;
-        waiting.erase(0, size_t(sent));
-    }
-    return 0;
-}
-
 // 'q' in what comes: we end the connection.
-static int32 take_input(TcpClient* client, void* udata)
+static Watched& add_echo(std::list<Watched>& to)
 {
-    Echo& echo = *static_cast<Echo*>(udata);
-    std::string piece(echo.at_most, '\0');
-    int32 got;
-    while ((got = os_tcp_client_read(client, piece.data(), echo.at_most)) > 0) {
-        echo.waiting.append(piece, 0, size_t(got));
-        if (piece.find('q') >= size_t(got)) continue;
-        os_tcp_client_close(client);
-        return -1;
-    }
-    send_waiting(client, udata);
-    return got;
-}
-
-static void forget(TcpClient* client, void*)
-{
-    REQUIRE(s_connected.erase(client) == 1);
-}
-
-static void watch(TcpClient* client)
-{
-    Echo& echo = s_echoes[client->index];
-    echo = {{}, s_at_most};
-    REQUIRE(s_connected.insert(client).second);
-    os_tcp_client_bind_disconnect(client, forget, nullptr);
-    os_tcp_client_bind_read(client, take_input, &echo);
-    os_tcp_client_bind_write(client, send_waiting, &echo);
+    Watched& echo = to.emplace_back();
+    echo.then = [&echo](char what) {
+        if (echo.got.find('q') == std::string::npos)
+            echo.send(echo.got);
+        else if (what == 'R')
+            os_tcp_client_close(echo.client);
+    };
+    return echo;
 }
 
 static int32 echo_datagrams(UdpClient* client, void*)
@@ -100,12 +47,17 @@ static int32 echo_datagrams(UdpClient* client, void*)
     }
 }
 
-static uint16_t port_of(int fd)
+// How many connections there are. Clients that we made keep their slots until we give them back.
+static size_t count_connections()
 {
-    sockaddr_in address = {};
-    socklen_t length = sizeof(address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    return ntohs(address.sin_port);
+    const auto ended = [](const Watched& echo) {
+        EXPECT_LE(echo.times('D'), 1);
+        return echo.times('D') == 1;
+    };
+    std::erase_if(s_accepted, ended);
+    std::erase_if(s_dialled,
+                  [&](Watched& echo) { return ended(echo) && os_tcp_client_destroy(echo.client) == 1; });
+    return s_accepted.size() + s_dialled.size();
 }
 
 // ---- the peers' side
@@ -117,53 +69,29 @@ static int connect_to(uint16_t port, int type)
     for (;; usleep(1000)) {
         const int fd = socket(AF_INET, type, 0);
         if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) return fd;
-        REQUIRE(errno == EADDRNOTAVAIL || errno == EINTR);
+        EXPECT_TRUE(errno == EADDRNOTAVAIL || errno == EINTR);
         close(fd);
     }
-}
-
-// Clients that we made keep their slots until we give them back.
-static void give_back_dialled()
-{
-    std::erase_if(s_dialled, [](TcpClient* client) {
-        return !s_connected.contains(client) && os_tcp_client_destroy(client) == 1;
-    });
-}
-
-static bool has_room()
-{
-    MainLock lock;
-    give_back_dialled();
-    return s_connected.size() < Slots - Peers;
 }
 
 // The layer calls us, or we call it.
 static void begin(Peer& peer, bool dialled)
 {
     peer = {};
-    while (!has_room()) usleep(100);
+    wait_for([] { return count_connections() < Slots - Peers; });
     if (!dialled) {
         peer.fd = connect_to(port_of(s_server->listenfd), SOCK_STREAM);
         return;
     }
-    {
-        MainLock lock;
-        TcpClient* client = os_tcp_client_create();
-        REQUIRE(client && s_dialled.insert(client).second);
-        watch(client);
-        REQUIRE(os_tcp_client_set_remote(client, local_host(), port_of(s_listener)) == 1);
-        REQUIRE(os_tcp_client_open(client, -1) == 1);
-    }
+    locked([] { open_watched(add_echo(s_dialled), port_of(s_listener)); });
     do peer.fd = accept(s_listener, nullptr, nullptr);
     while (peer.fd < 0 && errno == EINTR);
-    REQUIRE(peer.fd >= 0);
+    EXPECT_GE(peer.fd, 0);
 }
 
 static void end(Peer& peer, bool reset)
 {
-    const linger at_once = {1, 0};
-    if (reset) setsockopt(peer.fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
-    close(peer.fd);
+    reset ? close_with_reset(peer.fd) : static_cast<void>(close(peer.fd));
     peer.fd = -1;
 }
 
@@ -171,9 +99,9 @@ static void take_back(Peer& peer, size_t count, int how)
 {
     std::string piece(count, '\0');
     const ssize_t got = recv(peer.fd, piece.data(), count, how);
-    REQUIRE(!peer.faithful || got > 0 || (got < 0 && (errno == EINTR || errno == EAGAIN)));
+    EXPECT_TRUE(!peer.faithful || got > 0 || (got < 0 && (errno == EINTR || errno == EAGAIN)));
     if (got > 0) peer.got.append(piece, 0, size_t(got));
-    REQUIRE(peer.sent.compare(0, peer.got.size(), peer.got) == 0);
+    EXPECT_TRUE(peer.sent.starts_with(peer.got));
 }
 
 static void send_some(Peer& peer, FuzzedDataProvider& data)
@@ -186,13 +114,12 @@ static void send_some(Peer& peer, FuzzedDataProvider& data)
     if (bytes.find('q') != std::string::npos) peer.faithful = false;
 }
 
-static void send_datagram(FuzzedDataProvider& data)
+static void send_datagram(const std::string& bytes)
 {
     uint16 port = 0;
     char ip[16];
     os_udp_client_get_local(s_udp, ip, &port);
     const int fd = connect_to(port, SOCK_DGRAM);
-    const std::string bytes = data.ConsumeRandomLengthString(40);
     send(fd, bytes.data(), bytes.size(), 0);
     close(fd);
 }
@@ -214,7 +141,7 @@ static void step(Peer& peer, uint8_t what, FuzzedDataProvider& data)
         usleep(data.ConsumeIntegral<uint8_t>());
         return;
     case 5:
-        return send_datagram(data);
+        return send_datagram(data.ConsumeRandomLengthString(40));
     default:
         return send_some(peer, data);
     }
@@ -228,50 +155,32 @@ static void finish(Peer& peer)
     end(peer, true);
 }
 
-static bool all_over()
+static bool start_layer()
 {
-    MainLock lock;
-    return s_connected.empty();
-}
-
-static void require_free_slots()
-{
-    for (int tries = 0; !all_over(); ++tries, usleep(200)) REQUIRE(tries < 100000);
-    MainLock lock;
-    give_back_dialled();
-    std::vector<TcpClient*> all(Slots);
-    for (TcpClient*& client : all) REQUIRE((client = os_tcp_client_create()) != nullptr);
-    for (TcpClient* client : all) os_tcp_client_destroy(client);
-}
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    silence_output();
-    REQUIRE(os_startup(Slots, 1) == 1);
-    s_server = os_tcp_server_create();
-    const OnServerAcceptFunc accepted = [](TcpServer*, TcpClient* client, void*) { watch(client); };
-    REQUIRE(os_tcp_server_set_local(s_server, local_host(), 0) == 1);
-    REQUIRE(os_tcp_server_bind_accept(s_server, accepted, nullptr) + os_tcp_server_open(s_server) == 2);
+    EXPECT_EQ(os_startup(Slots, 1), 1);
+    s_server = open_server([](TcpServer*, TcpClient* client, void*) { watch(add_echo(s_accepted), client); });
     s_udp = os_udp_client_create();
     os_udp_client_bind_read(s_udp, echo_datagrams, nullptr);
-    REQUIRE(os_udp_client_set_local(s_udp, local_host(), 0) + os_udp_client_open(s_udp) == 2);
-    s_listener = socket(AF_INET, SOCK_STREAM, 0);
-    return listen(s_listener, Peers);
+    EXPECT_EQ(os_udp_client_set_local(s_udp, text("127.0.0.1"), 0) + os_udp_client_open(s_udp), 2);
+    s_listener = plain_listener();
+    return true;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
+    [[maybe_unused]] static const bool started = start_layer();
     FuzzedDataProvider data(bytes, size);
     Peer peers[Peers];
-    {
-        MainLock lock;
-        s_at_most = data.ConsumeIntegralInRange<uint32>(1, 4096);
-    }
+    send_datagram(std::string(data.ConsumeIntegralInRange<size_t>(1, 4096), 'd'));
     for (int steps = 0; data.remaining_bytes() > 0 && steps < 300; ++steps) {
         const uint8_t what = data.ConsumeIntegral<uint8_t>();
         step(peers[what % Peers], what / Peers % 8, data);
     }
     for (Peer& peer : peers) finish(peer);
-    require_free_slots();
+
+    wait_for([] { return count_connections() == 0; });
+    TcpClient* all[Slots];
+    for (TcpClient*& client : all) EXPECT_TRUE(client = os_tcp_client_create());
+    for (TcpClient* client : all) os_tcp_client_destroy(client);
     return 0;
 }

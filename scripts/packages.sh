@@ -28,5 +28,5 @@ packages_unit="$packages_build libgtest-dev"
 packages_test="$packages_unit git pkg-config googletest faketime clang-format python3 ffmpeg chromium
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   g++-arm-linux-gnueabihf qemu-user-static binutils"
-packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
+packages_fuzz="$packages_unit clang-14 libclang-rt-14-dev"
 packages_analyse="cppcheck clang-tidy"

@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <iconv.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -91,52 +90,50 @@ static size_t marked(FILE* file)
 extern "C" {
 
 // One macro, because each line defines the function that it names.
-#define CALL(result, failed, family, error, name, arguments, ...)                                            \
-    result name(__VA_ARGS__) noexcept(noexcept(name arguments))                                              \
+#define CALL(failed, family, error, name, arguments, ...)                                                    \
+    auto name(__VA_ARGS__) noexcept(noexcept(name arguments))->decltype(name arguments)                      \
     {                                                                                                        \
         const bool counts = (family) != MEMORY || is_the_librarys(__builtin_return_address(0));              \
         return counts && fails(family, #name, error) ? failed : real<&name>(#name) arguments;                \
     }
 
-CALL(void*, nullptr, MEMORY, ENOMEM, malloc, (size), size_t size)
-CALL(void*, nullptr, MEMORY, ENOMEM, calloc, (count, size), size_t count, size_t size)
-CALL(FILE*, nullptr, FILES, EMFILE, fopen, (path, mode), const char* path, const char* mode)
-CALL(int, -1, FILES, EIO, fseeko, (file, to, whence), FILE* file, off_t to, int whence)
-CALL(size_t, marked(file), FILES, ENOSPC, fwrite, (from, size, count, file), const void* from, size_t size,
+CALL(nullptr, MEMORY, ENOMEM, malloc, (size), size_t size)
+CALL(nullptr, MEMORY, ENOMEM, calloc, (count, size), size_t count, size_t size)
+CALL(nullptr, FILES, EMFILE, fopen, (path, mode), const char* path, const char* mode)
+CALL(-1, FILES, EIO, fseeko, (file, to, whence), FILE* file, off_t to, int whence)
+CALL(marked(file), FILES, ENOSPC, fwrite, (from, size, count, file), const void* from, size_t size,
      size_t count, FILE* file)
-CALL(int, (marked(file), EOF), FILES, ENOSPC, fflush, (file), FILE* file)
-CALL(int, (real<&fclose>("fclose")(file), EOF), FILES, ENOSPC, fclose, (file), FILE* file)
-CALL(int, -1, FILES | BREAKS_OFF, EIO, ftruncate, (fd, len), int fd, off_t len)
-CALL(ssize_t, -1, FILES | BREAKS_OFF, EIO, read, (fd, to, cut(FILES, "read", len)), int fd, void* to,
-     size_t len)
-CALL(ssize_t, -1, FILES | BREAKS_OFF, EIO, pread, (fd, to, cut(FILES, "pread", len), at), int fd, void* to,
-     size_t len, off_t at)
-CALL(ssize_t, -1, FILES | BREAKS_OFF, ENOSPC, pwrite, (fd, from, cut(FILES, "pwrite", len), at), int fd,
+CALL((marked(file), EOF), FILES, ENOSPC, fflush, (file), FILE* file)
+CALL((real<&fclose>("fclose")(file), EOF), FILES, ENOSPC, fclose, (file), FILE* file)
+CALL(-1, FILES | BREAKS_OFF, EIO, ftruncate, (fd, len), int fd, off_t len)
+CALL(-1, FILES | BREAKS_OFF, EIO, read, (fd, to, cut(FILES, "read", len)), int fd, void* to, size_t len)
+CALL(-1, FILES | BREAKS_OFF, EIO, pread, (fd, to, cut(FILES, "pread", len), at), int fd, void* to, size_t len,
+     off_t at)
+CALL(-1, FILES | BREAKS_OFF, ENOSPC, pwrite, (fd, from, cut(FILES, "pwrite", len), at), int fd,
      const void* from, size_t len, off_t at)
-CALL(int, EAGAIN, THREADS, EAGAIN, pthread_create, (thread, kind, body, arg), pthread_t* thread,
+CALL(EAGAIN, THREADS, EAGAIN, pthread_create, (thread, kind, body, arg), pthread_t* thread,
      const pthread_attr_t* kind, void* (*body)(void*), void* arg)
-CALL(int, ENOMEM, THREADS, ENOMEM, pthread_mutex_init, (mutex, kind), pthread_mutex_t* mutex,
+CALL(ENOMEM, THREADS, ENOMEM, pthread_mutex_init, (mutex, kind), pthread_mutex_t* mutex,
      const pthread_mutexattr_t* kind)
-CALL(int, -1, SOCKETS, EMFILE, socket, (domain, type, protocol), int domain, int type, int protocol)
-CALL(int, -1, SOCKETS, EADDRINUSE, bind, (fd, to, len), int fd, const sockaddr* to, socklen_t len)
-CALL(int, -1, SOCKETS, EADDRINUSE, listen, (fd, backlog), int fd, int backlog)
-CALL(int, -1, SOCKETS | BREAKS_OFF, EMFILE, accept, (fd, from, len), int fd, sockaddr* from, socklen_t* len)
-CALL(int, -1, SOCKETS, ENETUNREACH, connect, (fd, to, len), int fd, const sockaddr* to, socklen_t len)
-CALL(ssize_t, -1, SOCKETS, ECONNRESET, send, (fd, from, cut(SOCKETS, "send", len), flags), int fd,
-     const void* from, size_t len, int flags)
-CALL(ssize_t, -1, SOCKETS, ECONNRESET, recv, (fd, to, cut(SOCKETS, "recv", len), flags), int fd, void* to,
+CALL(-1, SOCKETS, EMFILE, socket, (domain, type, protocol), int domain, int type, int protocol)
+CALL(-1, SOCKETS, EADDRINUSE, bind, (fd, to, len), int fd, const sockaddr* to, socklen_t len)
+CALL(-1, SOCKETS, EADDRINUSE, listen, (fd, backlog), int fd, int backlog)
+CALL(-1, SOCKETS | BREAKS_OFF, EMFILE, accept, (fd, from, len), int fd, sockaddr* from, socklen_t* len)
+CALL(-1, SOCKETS, ENETUNREACH, connect, (fd, to, len), int fd, const sockaddr* to, socklen_t len)
+CALL(-1, SOCKETS, ECONNRESET, send, (fd, from, cut(SOCKETS, "send", len), flags), int fd, const void* from,
      size_t len, int flags)
-CALL(ssize_t, -1, SOCKETS, ENOBUFS, sendto, (fd, from, len, flags, to, size), int fd, const void* from,
-     size_t len, int flags, const sockaddr* to, socklen_t size)
-CALL(ssize_t, -1, SOCKETS, ECONNREFUSED, recvfrom, (fd, into, len, flags, from, size), int fd, void* into,
-     size_t len, int flags, sockaddr* from, socklen_t* size)
-CALL(iconv_t, iconv_t(-1), FILES, EMFILE, iconv_open, (to, from), const char* to, const char* from)
-CALL(int, -1, SOCKETS, EMFILE, pipe, (ends), int* ends)
-CALL(int, -1, SOCKETS, EMFILE, epoll_create, (size), int size)
-CALL(int, -1, SOCKETS, ENOSPC, epoll_ctl, (set, operation, fd, event), int set, int operation, int fd,
+CALL(-1, SOCKETS, ECONNRESET, recv, (fd, to, cut(SOCKETS, "recv", len), flags), int fd, void* to, size_t len,
+     int flags)
+CALL(-1, SOCKETS, ENOBUFS, sendto, (fd, from, len, flags, to, size), int fd, const void* from, size_t len,
+     int flags, const sockaddr* to, socklen_t size)
+CALL(-1, SOCKETS, ECONNREFUSED, recvfrom, (fd, into, len, flags, from, size), int fd, void* into, size_t len,
+     int flags, sockaddr* from, socklen_t* size)
+CALL(-1, SOCKETS, EMFILE, pipe, (ends), int* ends)
+CALL(-1, SOCKETS, EMFILE, epoll_create, (size), int size)
+CALL(-1, SOCKETS, ENOSPC, epoll_ctl, (set, operation, fd, event), int set, int operation, int fd,
      epoll_event* event)
-CALL(int, -1, SOCKETS | BREAKS_OFF, EINTR, epoll_wait, (set, events, most, wait), int set,
-     epoll_event* events, int most, int wait)
+CALL(-1, SOCKETS | BREAKS_OFF, EINTR, epoll_wait, (set, events, most, wait), int set, epoll_event* events,
+     int most, int wait)
 
 ssize_t pwritev(int fd, const iovec* parts, int count, off_t at)
 {
