@@ -188,6 +188,19 @@ TEST(Faults, ChangesOnDisk)
         walk(what, {.fault = Fault::disturbed, .families = FILES, .disturb = change}, convert_under);
 }
 
+TEST(Faults, CharacterSets)
+{
+    walk("iconv_open", {}, [](const TempDir&, const Plan& plan) {
+        char save[32] = {};
+        const auto convert_text = [&] { return os_code_convert("ASCII", "UTF-8", save, 31, text("abc"), 3); };
+        begin_faults(plan);
+        const int result = convert_text();
+        struck();
+        EXPECT_TRUE(result == 3 || result == -6) << result;
+        EXPECT_EQ(convert_text(), 3);
+    });
+}
+
 // ---- the network
 
 // All slots are in use, so that one which is lost is missed at the next exchange.

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <iconv.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -128,6 +129,7 @@ CALL(-1, SOCKETS, ENOBUFS, sendto, (fd, from, len, flags, to, size), int fd, con
      int flags, const sockaddr* to, socklen_t size)
 CALL(-1, SOCKETS, ECONNREFUSED, recvfrom, (fd, into, len, flags, from, size), int fd, void* into, size_t len,
      int flags, sockaddr* from, socklen_t* size)
+CALL(iconv_t(-1), FILES, EMFILE, iconv_open, (to, from), const char* to, const char* from)
 CALL(-1, SOCKETS, EMFILE, pipe, (ends), int* ends)
 CALL(-1, SOCKETS, EMFILE, epoll_create, (size), int size)
 CALL(-1, SOCKETS, ENOSPC, epoll_ctl, (set, operation, fd, event), int set, int operation, int fd,
