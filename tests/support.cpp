@@ -1,12 +1,10 @@
 #include "support.h"
 
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <barrier>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -156,27 +154,6 @@ int in_child(const std::function<int()>& work)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-static bool set_file_limit(uint64_t limit)
-{
-    rlimit size;
-    getrlimit(RLIMIT_FSIZE, &size);
-    size.rlim_cur = std::min<rlim_t>(limit, size.rlim_max);
-    return setrlimit(RLIMIT_FSIZE, &size) == 0;
-}
-
-int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work)
-{
-    return in_child([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        return set_file_limit(limit) ? work() : 99;
-    });
-}
-
-void lift_file_limit()
-{
-    EXPECT_TRUE(set_file_limit(RLIM_INFINITY));
-}
-
 void two_at_once(const std::function<void(int)>& work)
 {
     std::barrier start(2);
@@ -227,6 +204,14 @@ Job::Job(const sdv::FileFields& header)
 Recording::Recording(const sdv::FileFields& header) : job(header)
 {
     EXPECT_EQ(StartRecord(0, path.c_str(), 1), 0);
+}
+
+void push_in_pieces(const Bytes& bytes, size_t size)
+{
+    for (size_t at = 0; at < bytes.size(); at += size) {
+        Bytes piece = part(bytes, at, at + size);
+        ASSERT_EQ(RecordAviEx(piece.data(), int(piece.size())), 0);
+    }
 }
 
 Outcome convert(const std::string& in, const std::string& out)

@@ -69,11 +69,8 @@ std::string written_to(int fd, const std::function<void()>& work);
 using Told = std::pair<long, std::string>;
 Told told(int fd, const std::function<long()>& work);
 
-// The exit status of work in a forked child, 128 and the signal when one ended it; and of one whose files
-// cannot grow beyond a limit, until it is lifted.
+// The exit status of work in a forked child, 128 and the signal when one ended it.
 int in_child(const std::function<int()>& work);
-int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work);
-void lift_file_limit();
 
 // Two threads that call work(0) and work(1) as nearly at once as a barrier allows.
 void two_at_once(const std::function<void(int)>& work);
@@ -100,6 +97,9 @@ struct Recording
 
     explicit Recording(const sdv::FileFields& header = {});
 };
+
+// Pushed as a camera's stream, and each piece is taken.
+void push_in_pieces(const Bytes& bytes, size_t size);
 
 using Outcome = std::tuple<int, int, std::string>; // result, m_iPosition, standard output
 inline const Outcome done = {0, 100, ""}, noHeader = {-1, 0, "140217====3333TC_SDVtoAVI error"},
