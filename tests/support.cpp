@@ -56,18 +56,6 @@ char* text(const std::string& path)
     return const_cast<char*>(path.c_str());
 }
 
-Word::Word(const char* four) : value(0)
-{
-    memcpy(&value, four, 4);
-}
-
-Word half(uint32_t number)
-{
-    Word word = number;
-    word.size = 2;
-    return word;
-}
-
 Bytes bytes_of(std::initializer_list<Word> list)
 {
     Bytes bytes;
@@ -106,6 +94,11 @@ Bytes noise(size_t size, uint32_t seed)
     Bytes bytes(size);
     for (uint8_t& byte : bytes) byte = uint8_t((seed = seed * 1664525u + 1013904223u) >> 24);
     return bytes;
+}
+
+bool all_zero(const void* record, size_t size)
+{
+    return memcmp(record, Bytes(size).data(), size) == 0;
 }
 
 testing::AssertionResult same_bytes(const Bytes& got, const Bytes& want)
@@ -201,9 +194,9 @@ Job::Job(const sdv::FileFields& header)
     memcpy(&g_tSdv2Avi.m_Header, sdv::file_header(header).data(), sizeof(S_FileHeader));
 }
 
-Recording::Recording(const sdv::FileFields& header) : job(header)
+void push_frame(Bytes frame)
 {
-    EXPECT_EQ(StartRecord(0, path.c_str(), 1), 0);
+    EXPECT_EQ(RecordAvi(frame.data(), int(frame.size())), 0);
 }
 
 void push_in_pieces(const Bytes& bytes, size_t size)

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <string>
 #include <tuple>
@@ -43,14 +44,17 @@ char* text(const std::string& path);         // for calls that take char* and on
 // A FourCC, or a little-endian number.
 struct Word
 {
-    uint32_t value;
+    uint32_t value = 0;
     size_t size = 4;
 
-    Word(const char* four);
-    Word(uint32_t number) : value(number) {}
+    Word(const char* four) { memcpy(&value, four, 4); }
+    Word(uint32_t number, size_t bytes = 4) : value(number), size(bytes) {}
     Word(int number) : value(uint32_t(number)) {}
 };
-Word half(uint32_t number); // of 16 bits
+inline Word half(uint32_t number)
+{
+    return Word(number, 2);
+}
 Bytes bytes_of(std::initializer_list<Word> list);
 template <typename... Words>
 Bytes words(const Words&... list)
@@ -62,6 +66,7 @@ Bytes part(const Bytes& bytes, size_t from, size_t to); // up to to, which may l
 Bytes operator+(Bytes left, const Bytes& right);
 Bytes hex(const std::string& digits);
 Bytes noise(size_t size, uint32_t seed);
+bool all_zero(const void* record, size_t size);
 testing::AssertionResult same_bytes(const Bytes& got, const Bytes& want);
 
 // What work writes to a descriptor (1 or 2), buffered text included; and together with its result.
@@ -95,10 +100,14 @@ struct Recording
     Job job;
     const std::string path = dir / "a.avi";
 
-    explicit Recording(const sdv::FileFields& header = {});
+    explicit Recording(const sdv::FileFields& header = {}) : job(header)
+    {
+        EXPECT_EQ(StartRecord(0, path.c_str(), 1), 0);
+    }
 };
 
-// Pushed as a camera's stream, and each piece is taken.
+// Recorded as a frame; and pushed as a camera's stream. Both are taken.
+void push_frame(Bytes frame);
 void push_in_pieces(const Bytes& bytes, size_t size);
 
 using Outcome = std::tuple<int, int, std::string>; // result, m_iPosition, standard output

@@ -2,19 +2,17 @@
 
 #include "support.h"
 
-// What any bytes may come to. A finished file is sound, or the bare header area when no frame was recorded.
+// A file of at least so many chunks, or one of the refusals.
 static void expect_in_table(const TempDir& dir, const Bytes& bytes, size_t leastChunks)
 {
     write_file(dir / "in", bytes);
     write_file(dir / "out", {});
     const Outcome outcome = convert(dir / "in", dir / "out");
-    if (outcome == done) {
-        if (leastChunks == 0 && file_size(dir / "out") == 212) return;
-        EXPECT_GE(expect_sound(dir / "out").chunks.size(), std::max<size_t>(leastChunks, 1));
-        return;
-    }
-    EXPECT_TRUE(outcome == noHeader || outcome == noKeyFrame) << testing::PrintToString(outcome);
-    EXPECT_EQ(exists(dir / "out"), outcome == noHeader);
+    if (outcome == done)
+        EXPECT_GE(expect_sound(dir / "out").chunks.size(), leastChunks);
+    else
+        EXPECT_TRUE(outcome == noHeader || outcome == noKeyFrame) << testing::PrintToString(outcome);
+    EXPECT_EQ(exists(dir / "out"), outcome != noKeyFrame);
 }
 
 static Frames small_frames()
@@ -55,25 +53,6 @@ TEST(BadInput, EveryByteChanged)
             changed[at] ^= mask;
             expect_in_table(dir, changed, 1); // one key frame at least is left
         }
-    }
-}
-
-TEST(BadInput, NoiseAndFalseStartCodes)
-{
-    TempDir dir;
-    for (uint32_t seed = 1; seed <= 12; ++seed) {
-        SCOPED_TRACE(seed);
-        const Bytes pure = noise(70000 + seed * 999, seed);
-        expect_in_table(dir, pure, 0);
-        Bytes starts = recording({}) + pure;
-        // Headers that pass the tests and then declare whatever noise says, each behind a frame numbered 0.
-        for (size_t at = 88; at + 200 < starts.size(); at += 40 + starts[at] % 97) {
-            starts = with(std::move(starts), at, 0x02000000);
-            if (starts[at + 9] % 4) continue;
-            const Bytes zero = sdv::frame(picture(starts[at + 9] % 8 ? 0 : 5, 8, 0));
-            std::copy(zero.begin(), zero.end(), starts.begin() + long(at));
-        }
-        expect_in_table(dir, starts, 0);
     }
 }
 

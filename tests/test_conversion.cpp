@@ -11,11 +11,6 @@ static const Outcome refused = {-1, 0, "140217====2222\nTC_SDVtoAVI error"}, noO
 static const Frames three = {picture(1, 500, 0), picture(2, 301), picture(3, 400)};
 static const Bytes first = sdv::frame(three[0]), second = sdv::frame(three[1]), third = sdv::frame(three[2]);
 
-static Bytes of_mode_31(Bytes frame)
-{
-    return with(frame, 0, 0x03000000);
-}
-
 TEST(Conversion, OutcomesByInput)
 {
     const std::tuple<const char*, Bytes, Outcome> rows[] = {
@@ -23,10 +18,8 @@ TEST(Conversion, OutcomesByInput)
         {"mode 41", recording(three, {.mode = 41}), done},
         {"mode 22", recording(three, {.mode = 22}), noHeader},
         {"rate 31", recording(three, {.frameRate = 31}), noHeader},
-        {"empty", {}, noHeader},
-        {"cut header", part(recording(three), 0, 50), noKeyFrame},
         {"no key frame", recording({three[1], three[2]}), noKeyFrame},
-        {"frames of mode 31", recording({}) + of_mode_31(first) + of_mode_31(second), noKeyFrame},
+        {"frames of mode 31", recording({}) + with(first, 0, 0x03000000), noKeyFrame},
     };
     for (const auto& [what, bytes, want] : rows) {
         SCOPED_TRACE(what);
@@ -63,7 +56,6 @@ TEST(Conversion, OutcomesByPath)
         {in, pipe, noOutput},
         {in, dir / "full", noOutput},
         {in, in, refused},
-        {in, soft, refused},
         {soft, in, refused},
         {in, dir / "hard", refused},
         {soft, out, done},
@@ -154,7 +146,7 @@ TEST(Conversion, DamageIsSkipped)
         {"header cut before its sizes end", part(sdv::frame(picture(9)), 0, 20)},
         {"header of a frame above 1 MiB", part(large, 0, 32)},
         {"whole frame above 1 MiB", large},
-        {"frame of another mode", of_mode_31(second)},
+        {"frame of another mode", with(second, 0, 0x03000000)},
     };
     for (const size_t size : {1, 31, 32, 33, 4096, 65536, 523636, 523637, 523667, 523668, 1100000})
         damages.push_back({"stray bytes: " + std::to_string(size), Bytes(size, 0xAA)});
@@ -176,25 +168,26 @@ TEST(Conversion, DamageIsSkipped)
 
 TEST(Conversion, AudioDefaultsReachTheFile)
 {
-    const std::tuple<int, uint32_t, uint32_t, uint32_t> rows[] = {
-        {0, 0, 1, 8000}, {255, 0xFFFFFFFF, 1, 8000}, {2, 44100, 2, 44100}};
-    for (const auto& [channels, rate, channelsOut, rateOut] : rows) {
+    // Channels and rate in the recording; in the file; and what HeaderChange() makes of them.
+    const std::tuple<uint8_t, uint32_t, uint32_t, uint32_t, int, int> rows[] = {
+        {0, 0, 1, 8000, 1, 8000},       {255, 0xFFFFFFFF, 1, 8000, 1, 8000}, {2, 44100, 2, 44100, 2, 8000},
+        {2, 8000, 2, 8000, 9, 8000},    {2, 16000, 2, 16000, 2, 16000},      {2, 32000, 2, 32000, 2, 32000},
+        {1, 48000, 1, 48000, 1, 48000}, {3, 48000, 3, 48000, 1, 48000},
+    };
+    for (const auto& [channels, rate, channelsOut, rateOut, channelsAfter, rateAfter] : rows) {
         TempDir dir;
+        const sdv::FileFields header = {.channels = channels, .sampleRate = rate};
         const sdv::FrameFields frame = with_audio(picture(1, 100, 0), 1, {}, {sdv::g711_slot(Bytes(320, 1))});
-        write_file(dir / "in", recording({frame}, {.channels = uint8_t(channels), .sampleRate = rate}));
+        write_file(dir / "in", recording({frame}, header));
         EXPECT_EQ(convert(dir / "in", dir / "out"), done);
         const avi::Audio audio = expect_sound(dir / "out").audio;
         EXPECT_EQ(std::tuple(audio.channels, audio.sampleRate, audio.formatTag),
                   std::tuple(channelsOut, rateOut, 6));
-    }
-    const std::tuple<uint32_t, int, int, int> changes[] = {
-        {8000, 2, 8000, 9}, {16000, 2, 16000, 2}, {44100, 2, 8000, 2}, {48000, 3, 48000, 1}};
-    for (const auto& [rate, channels, rateAfter, channelsAfter] : changes) {
-        Job job({.channels = uint8_t(channels), .sampleRate = rate});
+        Job job(header);
         g_tSdv2Avi.m_iAudioChannel = 9;
         EXPECT_EQ(HeaderChange(), 0);
-        EXPECT_EQ(std::pair(g_tSdv2Avi.m_iAudioSampleRate, g_tSdv2Avi.m_iAudioChannel),
-                  std::pair(rateAfter, channelsAfter));
+        EXPECT_EQ(std::pair(g_tSdv2Avi.m_iAudioChannel, g_tSdv2Avi.m_iAudioSampleRate),
+                  std::pair(channelsAfter, rateAfter));
     }
 }
 
@@ -238,12 +231,10 @@ TEST(FindFrame, FirstMatchOfItsKind)
 {
     Bytes bytes = Bytes(5, 0) + false_starts(3) + sdv::frame(picture(1, 40)) + Bytes(3, 0) +
                   sdv::frame(picture(2, 40, 0));
-    const int all = int(bytes.size());
-    const std::tuple<int, int, int> rows[] = {{all, 0, 17},     {all, 1, 92},
-                                              {all, 2, -1},     {all, -1, -1},
-                                              {17 + 32, 0, 17}, {17 + 31, 0, -1},
-                                              {92 + 32, 1, 92}, {92 + 31, 1, -1},
-                                              {0, 0, -1},       {std::numeric_limits<int>::min(), 0, -1}};
+    const int all = int(bytes.size()), least = std::numeric_limits<int>::min();
+    const std::tuple<int, int, int> rows[] = {{all, 0, 17},     {all, 1, 92},     {all, 2, -1},
+                                              {17 + 32, 0, 17}, {17 + 31, 0, -1}, {0, 0, -1},
+                                              {92 + 32, 1, 92}, {92 + 31, 1, -1}, {least, 0, -1}};
     for (const auto& [size, kind, want] : rows) {
         int position = -1; // stays when nothing is found
         EXPECT_EQ(FindFrame(bytes.data(), size, &position, kind), want >= 0) << size << " " << kind;

@@ -73,18 +73,14 @@ TEST(Report, WhatIsKeptAndWhatIsNot)
 
 TEST(Report, WritesOnlyTheRecordOfThisVersion)
 {
-    struct
-    {
-        SdvReport known;
-        uint64_t later;
-    } larger;
-    memset(&larger, 0x55, sizeof(larger));
-    EXPECT_EQ(GetConversionReport(&larger.known), 0);
-    EXPECT_EQ(larger.known.reserved, 0x55555555u);
-    EXPECT_EQ(larger.later, 0x5555555555555555u);
-    larger.known = {.cbSize = sizeof(SdvReport) - 1, .u64Gaps = 42};
-    EXPECT_EQ(GetConversionReport(&larger.known), -1);
-    EXPECT_EQ(larger.known.u64Gaps, 42u);
+    SdvReport reports[2]; // the second one stands for what a later version adds
+    memset(reports, 0x55, sizeof(reports));
+    EXPECT_EQ(GetConversionReport(reports), 0);
+    EXPECT_EQ(reports[0].reserved, 0x55555555u);
+    EXPECT_EQ(reports[1].cbSize, 0x55555555u);
+    reports[1].cbSize = sizeof(SdvReport) - 1;
+    EXPECT_EQ(GetConversionReport(&reports[1]), -1);
+    EXPECT_EQ(reports[1].u64Gaps, 0x5555555555555555u);
     EXPECT_EQ(GetConversionReport(nullptr), -1);
 }
 
