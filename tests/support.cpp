@@ -213,11 +213,6 @@ Outcome convert(const std::string& in, const std::string& out)
     return {int(result), g_tSdv2Avi.m_iPosition, said};
 }
 
-Chunk video_chunk(const sdv::FrameFields& frame)
-{
-    return {"00dc", frame.video, frame.type == 0};
-}
-
 avi::Report expect_sound(const std::string& path)
 {
     const avi::Report report = avi::check_file(path);
@@ -240,6 +235,6 @@ void expect_chunks(const std::string& path, const std::vector<Chunk>& want)
 void expect_video(const std::string& path, const Frames& frames)
 {
     std::vector<Chunk> want;
-    for (const sdv::FrameFields& frame : frames) want.push_back(video_chunk(frame));
+    for (const sdv::FrameFields& frame : frames) want.push_back({"00dc", frame.video, frame.type == 0});
     expect_chunks(path, want);
 }

@@ -121,7 +121,6 @@ struct Chunk
     Bytes data;
     bool key;
 };
-Chunk video_chunk(const sdv::FrameFields& frame);
 
 // The AVI file is sound; and it holds exactly these chunks, or the video of these frames.
 avi::Report expect_sound(const std::string& path);

@@ -51,12 +51,10 @@ TEST(AviHeaders, EveryByteOfEveryLayout)
         Bytes rubbish(400, 0xEE);
         EXPECT_EQ(WriteTofile(rubbish.data(), 400), 0);
         EXPECT_EQ(AVI_WriteFileHeader({1920, 1080, 5, 0x12345678, 100000}, type), 0);
-        EXPECT_EQ(ftell(g_tSdv2Avi.m_fsRec), AVI_MoviSkipLen(type));
         EXPECT_EQ(AVI_WriteMoviHeader(777, type), 0);
         fflush(g_tSdv2Avi.m_fsRec);
 
         const Bytes want = header_area(is) + words("LIST", 777, "movi");
-        EXPECT_EQ(want.size(), is.haveAudio ? 328u : 224u);
         EXPECT_TRUE(same_bytes(read_file(open.path), want + Bytes(400 - want.size(), 0xEE)));
     }
 }
@@ -83,16 +81,13 @@ TEST(AviHeaders, BuildersFillRecordsThatHoldRubbish)
 
 TEST(AviHeaders, AudioAlone)
 {
-    const AVI_MediaType unknown = AVI_MediaType(9);
     AVI_HdrlHeader hdrl;
     AVI_FrameHeader video = {}, audio = {};
     AVI_SetHdrlHeader(&hdrl, AVI_Audio);
     AVI_FrameHeaderInit(AVI_VideoAndAudio, nullptr, nullptr);
-    AVI_FrameHeaderInit(unknown, &video, &audio);
-    EXPECT_EQ(audio.fcc, 0u);
     AVI_FrameHeaderInit(AVI_Audio, &video, &audio);
     EXPECT_EQ(std::tuple(hdrl.dwHeaderSize, video.fcc, audio.fcc), std::tuple(172, 0, Word("00wb").value));
-    EXPECT_EQ(std::pair(AVI_MoviSkipLen(AVI_Audio), AVI_MoviSkipLen(unknown)), std::pair(192, 0));
+    EXPECT_EQ(std::pair(AVI_MoviSkipLen(AVI_Audio), AVI_MoviSkipLen(AVI_MediaType(9))), std::pair(192, 0));
 }
 
 TEST(AviHeaders, WritersNeedAFileAndASize)

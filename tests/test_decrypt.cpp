@@ -1,6 +1,3 @@
-#include <algorithm>
-#include <cstring>
-
 #include "support.h"
 
 // The examples of the cipher's standard: key and cipher text of one plain text.
@@ -52,17 +49,12 @@ TEST(Cipher, CounterModeUsesOneBlock)
     };
     for (const auto& [bytes, counter, stream] : rows) {
         Bytes key = bytes + Bytes(1, 0xEE); // an empty key still has an address
-        const int keyLength = int(bytes.size());
         for (const int length : {-1, 0, 1, 15, 17, 64}) {
             Bytes data = noise(65, counter), want = data;
             for (int i = 0; i < length; ++i) want[size_t(i)] ^= stream[size_t(i) % 16];
-            EXPECT_EQ(video_AES_CTR(data.data(), length, counter, key.data(), keyLength), 0);
+            EXPECT_EQ(video_AES_CTR(data.data(), length, counter, key.data(), int(bytes.size())), 0);
             EXPECT_EQ(data, want);
         }
-        Bytes out(18, 0xEE);
-        const bool fits = keyLength <= 16;
-        EXPECT_EQ(expand_key(key.data(), keyLength, out.data()), fits ? 0 : -1);
-        EXPECT_EQ(out, fits ? bytes + Bytes(16 - bytes.size(), 0xFF) + hex("00ee") : Bytes(18, 0xEE));
     }
 }
 

@@ -51,7 +51,7 @@ static Bytes recorded(const Frames& frames)
 
 static Chunk video(uint32_t number, size_t size = 100, uint8_t type = 1)
 {
-    return video_chunk(picture(number, size, type));
+    return {"00dc", picture(number, size, type).video, type == 0};
 }
 
 static std::vector<std::tuple<const char*, Frames, std::vector<Chunk>>> shapes()
@@ -100,7 +100,6 @@ TEST(Recorder, ChunksByFrameShape)
         Job job;
         record(dir / "a.avi", frames);
         expect_chunks(dir / "a.avi", want);
-        EXPECT_EQ(g_tSdv2Avi.m_fsRec, nullptr);
     }
     for (const int code : {-1, 0, 1, 2, 3, 4, 21, 22, 23}) // 3 passes, though no stream is taken for it
         EXPECT_EQ(CheckAudio(code, hex("00010200ffffffff").data(), 8), (code >= 1 && code <= 3) || code == 22)

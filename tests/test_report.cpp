@@ -43,7 +43,6 @@ TEST(Report, WhatIsKeptAndWhatIsNot)
         {"gaps", key + junk + p + junk + p, {3, 0, 0, 0, 0, 100, 2, 220}, {3, 0, 0, 0, 0, 100, 2, 132}},
         {"noise at the end", key + junk, {1, 0, 0, 0, 0, 50, 1, 220}, {1, 0, 0, 0, 0, 19, 1, 132}},
         {"cut off", key + part(p, 0, 100), {1, 0, 0, 0, 0, 100, 1, 220}, {1}},
-        {"numbered 0", key + zero + p, {2, 1}, {2, 1}},
         {"noise behind it", key + zero + junk + p, {2, 1, 0, 0, 0, 50, 1, 352}, {2, 1, 0, 0, 0, 50, 1, 264}},
         {"a lie behind it", key + zero + lies + p, {2, 1, 0, 0, 1}, {2, 1, 0, 0, 0, 132, 1, 264}},
         {"some wrong keys", key + locked(2, 7) + locked(3, 8), {2, 0, 0, 1}, {2, 0, 0, 1}},

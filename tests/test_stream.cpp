@@ -77,11 +77,13 @@ TEST(Stream, PiecesThatDoNotFitAreRefusedWhole)
     const int room = 6291456 - 1000;
     Bytes rest = part(frame, 1000, frame.size());
     rest.resize(size_t(room) + 1, 0x77);
-    const std::tuple<unsigned char*, int, std::string> refusals[] = {{rest.data(), room + 1, full},
-                                                                     {rest.data(), 0x7FFFFFFF, full},
-                                                                     {rest.data(), -1, ""},
-                                                                     {rest.data(), -2147483647 - 1, ""},
-                                                                     {nullptr, 1, ""}};
+    const std::tuple<unsigned char*, int, std::string> refusals[] = {
+        {rest.data(), room + 1, full},
+        {rest.data(), 0x7FFFFFFF, full},
+        {rest.data(), -1, ""},
+        {rest.data(), -2147483647 - 1, ""},
+        {nullptr, 1, ""},
+    };
     for (const auto& [bytes, length, said] : refusals) {
         EXPECT_EQ(told(2, [&] { return RecordAviEx(bytes, length); }), Told(-1, said)) << length;
         EXPECT_TRUE(same_bytes(held(), begin));
