@@ -84,7 +84,7 @@ TEST(AviHeaders, AudioAlone)
     AVI_HdrlHeader hdrl;
     AVI_FrameHeader video = {}, audio = {};
     AVI_SetHdrlHeader(&hdrl, AVI_Audio);
-    AVI_FrameHeaderInit(AVI_VideoAndAudio, nullptr, nullptr);
+    for (const auto type : {AVI_VideoAndAudio, AVI_Audio}) AVI_FrameHeaderInit(type, nullptr, nullptr);
     AVI_FrameHeaderInit(AVI_Audio, &video, &audio);
     EXPECT_EQ(std::tuple(hdrl.dwHeaderSize, video.fcc, audio.fcc), std::tuple(172, 0, Word("00wb").value));
     EXPECT_EQ(std::pair(AVI_MoviSkipLen(AVI_Audio), AVI_MoviSkipLen(AVI_MediaType(9))), std::pair(192, 0));

@@ -87,7 +87,7 @@ TEST(Report, IsReadWhileAConversionRuns)
 {
     TempDir dir;
     Frames frames; // for three blocks of the index
-    for (uint32_t i = 1; i <= 6001; ++i) frames.push_back(picture(i, 300, i != 1));
+    for (uint32_t i = 1; i <= 6001; ++i) frames.push_back(picture(i, i < 3000 ? 300 : 8, i != 1));
     write_file(dir / "in", recording(frames));
     std::atomic<bool> over = false;
     std::thread reader([&] {
