@@ -1,12 +1,10 @@
 #include "support.h"
 
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <barrier>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -58,18 +56,6 @@ char* text(const std::string& path)
     return const_cast<char*>(path.c_str());
 }
 
-Word::Word(const char* four) : value(0)
-{
-    memcpy(&value, four, 4);
-}
-
-Word half(uint32_t number)
-{
-    Word word = number;
-    word.size = 2;
-    return word;
-}
-
 Bytes bytes_of(std::initializer_list<Word> list)
 {
     Bytes bytes;
@@ -108,6 +94,11 @@ Bytes noise(size_t size, uint32_t seed)
     Bytes bytes(size);
     for (uint8_t& byte : bytes) byte = uint8_t((seed = seed * 1664525u + 1013904223u) >> 24);
     return bytes;
+}
+
+bool all_zero(const void* record, size_t size)
+{
+    return memcmp(record, Bytes(size).data(), size) == 0;
 }
 
 testing::AssertionResult same_bytes(const Bytes& got, const Bytes& want)
@@ -154,27 +145,6 @@ int in_child(const std::function<int()>& work)
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-static bool set_file_limit(uint64_t limit)
-{
-    rlimit size;
-    getrlimit(RLIMIT_FSIZE, &size);
-    size.rlim_cur = std::min<rlim_t>(limit, size.rlim_max);
-    return setrlimit(RLIMIT_FSIZE, &size) == 0;
-}
-
-int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work)
-{
-    return in_child([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        return set_file_limit(limit) ? work() : 99;
-    });
-}
-
-void lift_file_limit()
-{
-    EXPECT_TRUE(set_file_limit(RLIM_INFINITY));
 }
 
 void two_at_once(const std::function<void(int)>& work)
@@ -224,20 +194,23 @@ Job::Job(const sdv::FileFields& header)
     memcpy(&g_tSdv2Avi.m_Header, sdv::file_header(header).data(), sizeof(S_FileHeader));
 }
 
-Recording::Recording(const sdv::FileFields& header) : job(header)
+void push_frame(Bytes frame)
 {
-    EXPECT_EQ(StartRecord(0, path.c_str(), 1), 0);
+    EXPECT_EQ(RecordAvi(frame.data(), int(frame.size())), 0);
+}
+
+void push_in_pieces(const Bytes& bytes, size_t size)
+{
+    for (size_t at = 0; at < bytes.size(); at += size) {
+        Bytes piece = part(bytes, at, at + size);
+        ASSERT_EQ(RecordAviEx(piece.data(), int(piece.size())), 0);
+    }
 }
 
 Outcome convert(const std::string& in, const std::string& out)
 {
     const auto [result, said] = told(1, [&] { return KtConvert_SDVtoAVI(text(in), text(out)); });
     return {int(result), g_tSdv2Avi.m_iPosition, said};
-}
-
-Chunk video_chunk(const sdv::FrameFields& frame)
-{
-    return {"00dc", frame.video, frame.type == 0};
 }
 
 avi::Report expect_sound(const std::string& path)
@@ -262,6 +235,6 @@ void expect_chunks(const std::string& path, const std::vector<Chunk>& want)
 void expect_video(const std::string& path, const Frames& frames)
 {
     std::vector<Chunk> want;
-    for (const sdv::FrameFields& frame : frames) want.push_back(video_chunk(frame));
+    for (const sdv::FrameFields& frame : frames) want.push_back({"00dc", frame.video, frame.type == 0});
     expect_chunks(path, want);
 }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <string>
 #include <tuple>
@@ -43,14 +44,17 @@ char* text(const std::string& path);         // for calls that take char* and on
 // A FourCC, or a little-endian number.
 struct Word
 {
-    uint32_t value;
+    uint32_t value = 0;
     size_t size = 4;
 
-    Word(const char* four);
-    Word(uint32_t number) : value(number) {}
+    Word(const char* four) { memcpy(&value, four, 4); }
+    Word(uint32_t number, size_t bytes = 4) : value(number), size(bytes) {}
     Word(int number) : value(uint32_t(number)) {}
 };
-Word half(uint32_t number); // of 16 bits
+inline Word half(uint32_t number)
+{
+    return Word(number, 2);
+}
 Bytes bytes_of(std::initializer_list<Word> list);
 template <typename... Words>
 Bytes words(const Words&... list)
@@ -62,6 +66,7 @@ Bytes part(const Bytes& bytes, size_t from, size_t to); // up to to, which may l
 Bytes operator+(Bytes left, const Bytes& right);
 Bytes hex(const std::string& digits);
 Bytes noise(size_t size, uint32_t seed);
+bool all_zero(const void* record, size_t size);
 testing::AssertionResult same_bytes(const Bytes& got, const Bytes& want);
 
 // What work writes to a descriptor (1 or 2), buffered text included; and together with its result.
@@ -69,11 +74,8 @@ std::string written_to(int fd, const std::function<void()>& work);
 using Told = std::pair<long, std::string>;
 Told told(int fd, const std::function<long()>& work);
 
-// The exit status of work in a forked child, 128 and the signal when one ended it; and of one whose files
-// cannot grow beyond a limit, until it is lifted.
+// The exit status of work in a forked child, 128 and the signal when one ended it.
 int in_child(const std::function<int()>& work);
-int in_child_with_file_limit(uint64_t limit, const std::function<int()>& work);
-void lift_file_limit();
 
 // Two threads that call work(0) and work(1) as nearly at once as a barrier allows.
 void two_at_once(const std::function<void(int)>& work);
@@ -98,8 +100,15 @@ struct Recording
     Job job;
     const std::string path = dir / "a.avi";
 
-    explicit Recording(const sdv::FileFields& header = {});
+    explicit Recording(const sdv::FileFields& header = {}) : job(header)
+    {
+        EXPECT_EQ(StartRecord(0, path.c_str(), 1), 0);
+    }
 };
+
+// Recorded as a frame; and pushed as a camera's stream. Both are taken.
+void push_frame(Bytes frame);
+void push_in_pieces(const Bytes& bytes, size_t size);
 
 using Outcome = std::tuple<int, int, std::string>; // result, m_iPosition, standard output
 inline const Outcome done = {0, 100, ""}, noHeader = {-1, 0, "140217====3333TC_SDVtoAVI error"},
@@ -112,7 +121,6 @@ struct Chunk
     Bytes data;
     bool key;
 };
-Chunk video_chunk(const sdv::FrameFields& frame);
 
 // The AVI file is sound; and it holds exactly these chunks, or the video of these frames.
 avi::Report expect_sound(const std::string& path);

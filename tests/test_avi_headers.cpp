@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "support.h"
 
 struct Layout
@@ -53,60 +51,52 @@ TEST(AviHeaders, EveryByteOfEveryLayout)
         Bytes rubbish(400, 0xEE);
         EXPECT_EQ(WriteTofile(rubbish.data(), 400), 0);
         EXPECT_EQ(AVI_WriteFileHeader({1920, 1080, 5, 0x12345678, 100000}, type), 0);
-        EXPECT_EQ(ftell(g_tSdv2Avi.m_fsRec), AVI_MoviSkipLen(type));
         EXPECT_EQ(AVI_WriteMoviHeader(777, type), 0);
         fflush(g_tSdv2Avi.m_fsRec);
 
         const Bytes want = header_area(is) + words("LIST", 777, "movi");
-        EXPECT_EQ(want.size(), is.haveAudio ? 328u : 224u);
         EXPECT_TRUE(same_bytes(read_file(open.path), want + Bytes(400 - want.size(), 0xEE)));
     }
+}
+
+// What a builder makes of a record depends on nothing that the record held.
+template <typename Record>
+static void expect_filled(int (*build)(Record*))
+{
+    Bytes zeros(sizeof(Record), 0), rubbish(sizeof(Record), 0xEE);
+    build(reinterpret_cast<Record*>(zeros.data()));
+    build(reinterpret_cast<Record*>(rubbish.data()));
+    EXPECT_TRUE(same_bytes(rubbish, zeros));
 }
 
 TEST(AviHeaders, BuildersFillRecordsThatHoldRubbish)
 {
     Job job;
-    AVI_StrlHeader strl;
-    AVI_VideoStrfHeader strf;
-    memset(&strl, 0xEE, sizeof(strl));
-    memset(&strf, 0xEE, sizeof(strf));
-    EXPECT_EQ(AVI_VideoSetStrlHeader(&strl) | AVI_VideoSetStrfHeader(&strf), 0);
-    EXPECT_EQ(strl.strh.dwSuggestedBufferSize, 1048576u);
-    EXPECT_EQ(strl.strh.rcFrame.right | strl.strh.rcFrame.bottom | strf.strf.biWidth | strf.strf.biHeight, 0);
-    EXPECT_EQ(strf.strf.biSizeImage, 0u);
+    expect_filled(AVI_VideoSetStrlHeader);
+    expect_filled(AVI_VideoSetStrfHeader);
+    expect_filled(AVI_AudioSetStrlHeader);
+    expect_filled(AVI_AudioSetStrfHeader);
+    expect_filled<AVI_HdrlHeader>([](AVI_HdrlHeader* hdrl) { return AVI_SetHdrlHeader(hdrl, AVI_Video); });
+}
 
-    const std::tuple<int, uint32_t, int, const char*, const char*> rows[] = {{0, 192, 212, "00dc", "????"},
-                                                                             {1, 172, 192, "????", "00wb"},
-                                                                             {2, 296, 316, "00dc", "01wb"},
-                                                                             {9, 296, 0, "????", "????"}};
-    for (const auto& [number, headerSize, skip, video, audio] : rows) {
-        const AVI_MediaType type = AVI_MediaType(number);
-        AVI_HdrlHeader hdrl;
-        memset(&hdrl, 0xEE, sizeof(hdrl));
-        EXPECT_EQ(AVI_SetHdrlHeader(&hdrl, type), 0);
-        EXPECT_EQ(hdrl.dwHeaderSize, headerSize);
-        EXPECT_EQ(hdrl.dwFileSize | hdrl.avih.dwTotalFrames | hdrl.avih.dwSuggestedBufferSize, 0u);
-
-        const auto is = [](const AVI_FrameHeader& head, const char* id) {
-            return head.fcc == Word(id).value && head.dwFrameSize == (*id == '?' ? 9 : 0);
-        };
-        AVI_FrameHeader heads[2] = {{Word("????").value, 9}, {Word("????").value, 9}};
-        AVI_FrameHeaderInit(type, nullptr, nullptr);
-        AVI_FrameHeaderInit(type, &heads[0], &heads[1]);
-        EXPECT_TRUE(is(heads[0], video) && is(heads[1], audio)) << number;
-        EXPECT_EQ(AVI_MoviSkipLen(type), skip);
-    }
+TEST(AviHeaders, AudioAlone)
+{
+    AVI_HdrlHeader hdrl;
+    AVI_FrameHeader video = {}, audio = {};
+    AVI_SetHdrlHeader(&hdrl, AVI_Audio);
+    for (const auto type : {AVI_VideoAndAudio, AVI_Audio}) AVI_FrameHeaderInit(type, nullptr, nullptr);
+    AVI_FrameHeaderInit(AVI_Audio, &video, &audio);
+    EXPECT_EQ(std::tuple(hdrl.dwHeaderSize, video.fcc, audio.fcc), std::tuple(172, 0, Word("00wb").value));
+    EXPECT_EQ(std::pair(AVI_MoviSkipLen(AVI_Audio), AVI_MoviSkipLen(AVI_MediaType(9))), std::pair(192, 0));
 }
 
 TEST(AviHeaders, WritersNeedAFileAndASize)
 {
     UCHAR byte = 0;
     EXPECT_EQ(WriteTofile(&byte, 1), -1);
-    EXPECT_TRUE(AVI_WriteFileHeader({}, AVI_Video) && AVI_WriteMoviHeader(10, AVI_Video) &&
-                AVI_WriteIndexHeader(1));
+    EXPECT_TRUE(AVI_WriteFileHeader({}, AVI_Video) && AVI_WriteMoviHeader(10, AVI_Video));
     Recording open;
-    EXPECT_TRUE(AVI_WriteMoviHeader(0, AVI_Video) && AVI_WriteMoviHeader(-1, AVI_Video) &&
-                AVI_WriteIndexHeader(0));
+    EXPECT_TRUE(AVI_WriteMoviHeader(0, AVI_Video) && AVI_WriteIndexHeader(0));
     fflush(g_tSdv2Avi.m_fsRec);
     EXPECT_EQ(file_size(open.path), 0u);
 }

@@ -11,15 +11,10 @@ static void expect_fresh(const TSdv2Avi& job, int rate)
           job.m_iHaveAudio, job.m_iStreamLen, job.m_iDestType, int32_t(job.m_AudioFrameHeader.fcc),
           int32_t(job.m_VideoFrameHeader.fcc)})
         EXPECT_EQ(zero, 0);
-    const char nothing[260] = {};
-    EXPECT_EQ(memcmp(job.m_szInputPath, nothing, 260) | memcmp(job.m_szOutputPath, nothing, 260) |
-                  memcmp(&job.m_Header, nothing, 88),
-              0);
-    EXPECT_EQ(job.m_tChangeid, pthread_t{});
-    EXPECT_EQ(job.m_fsRec, nullptr);
-    EXPECT_EQ(job.m_iAviOffset, 4);
-    EXPECT_EQ(job.m_iAudioSampleRate, rate);
-    EXPECT_EQ(job.m_iAudioChannel, 1);
+    EXPECT_TRUE(all_zero(job.m_szInputPath, 260) && all_zero(job.m_szOutputPath, 260) &&
+                all_zero(&job.m_Header, sizeof(job.m_Header)) && !job.m_tChangeid && !job.m_fsRec);
+    EXPECT_EQ(std::tuple(job.m_iAviOffset, job.m_iAudioSampleRate, job.m_iAudioChannel),
+              std::tuple(4, rate, 1));
     ASSERT_TRUE(job.m_IndexBlock && job.m_lstIndex && m_lstIndexPoll && job.m_pStreamBuf);
     EXPECT_EQ(pthread_mutex_trylock(&g_tSdv2Avi.m_LockAviFile), 0);
     pthread_mutex_unlock(&g_tSdv2Avi.m_LockAviFile);
@@ -58,9 +53,8 @@ TEST(Job, ReleaseGivesBackWhatItOwnsAndKeepsTheOutcome)
         EXPECT_FALSE(g_tSdv2Avi.m_pStreamBuf || g_tSdv2Avi.m_fsRec || g_tSdv2Avi.m_lstIndex ||
                      m_lstIndexPoll);
         EXPECT_EQ(m_iSize, g_tSdv2Avi.m_IndexBlock ? 1 : 0);
-        EXPECT_EQ(g_tSdv2Avi.m_iPosition, -4);
-        EXPECT_EQ(g_tSdv2Avi.m_iDestType, 1);
-        EXPECT_EQ(g_tSdv2Avi.m_Header.Width, 352);
+        EXPECT_EQ(std::tuple(g_tSdv2Avi.m_iPosition, g_tSdv2Avi.m_iDestType, g_tSdv2Avi.m_Header.Width),
+                  std::tuple(-4, 1, 352));
         EXPECT_STREQ(g_tSdv2Avi.m_szInputPath, "in");
     }
     EXPECT_EQ(file_size(open.path), 0u) << "closed without headers";

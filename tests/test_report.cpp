@@ -4,23 +4,22 @@
 
 #include "support.h"
 
-using Counts =
-    std::array<uint64_t, 8>; // recorded; numbered 0, no key, wrong key, inconsistent; bytes, gaps, first
+// Recorded; numbered 0, no key, wrong key, inconsistent; bytes, gaps, first.
+using Counts = std::array<uint64_t, 8>;
 
 static Counts report()
 {
     SdvReport all{};
     all.cbSize = sizeof(all);
     EXPECT_EQ(GetConversionReport(&all), 0);
-    EXPECT_EQ(all.cbSize, sizeof(all));
     return {all.u64FramesRecorded,      all.u64DroppedNumber0, all.u64DroppedNoKey, all.u64DroppedWrongKey,
             all.u64DroppedInconsistent, all.u64BytesSkipped,   all.u64Gaps,         all.u64FirstGap};
 }
 
-static Bytes frame_with_key(uint32_t number, uint8_t byte)
+static Bytes locked(uint32_t number, uint8_t key)
 {
     Bytes frame = sdv::frame(picture(number));
-    sdv::encipher(frame, Bytes(16, byte));
+    sdv::encipher(frame, Bytes(16, key));
     return frame;
 }
 
@@ -28,42 +27,28 @@ TEST(Report, WhatIsKeptAndWhatIsNot)
 {
     // All frames are 132 bytes long.
     const Bytes key = sdv::frame(picture(1, 100, 0)), p = sdv::frame(picture(2)),
-                zero = sdv::frame(picture(0));
+                zero = sdv::frame(picture(0)), junk(50, 0xAA);
     const Bytes lies = with(p, 20, 400); // more video than the frame has, which only the recorder sees
-    const Bytes junk(50, 0xAA);
     const struct
     {
         const char* what;
-        bool keySet;
         Bytes frames;
         Counts file, stream;
+        bool keySet = true;
     } rows[] = {
-        {"sound", true, key + p + p, {3}, {3}},
-        {"no frame", true, {}, {}, {}},
-        {"before the key frame", true, p + key + p, {2, 0, 0, 0, 0, 132, 1, 88}, {3}},
-        {"two gaps",
-         true,
-         key + junk + p + junk + p,
-         {3, 0, 0, 0, 0, 100, 2, 220},
-         {3, 0, 0, 0, 0, 100, 2, 132}},
-        {"noise at the end", true, key + junk, {1, 0, 0, 0, 0, 50, 1, 220}, {1, 0, 0, 0, 0, 19, 1, 132}},
-        {"cut off", true, key + part(p, 0, 100), {1, 0, 0, 0, 0, 100, 1, 220}, {1}},
-        {"numbered 0", true, key + zero + p, {2, 1}, {2, 1}},
-        {"behind it no frame",
-         true,
-         key + zero + junk + p,
-         {2, 1, 0, 0, 0, 50, 1, 352},
-         {2, 1, 0, 0, 0, 50, 1, 264}},
-        {"behind it a lie", true, key + zero + lies + p, {2, 1, 0, 0, 1}, {2, 1, 0, 0, 0, 132, 1, 264}},
-        {"some wrong keys",
-         true,
-         key + frame_with_key(2, 7) + frame_with_key(3, 8),
-         {2, 0, 0, 1},
-         {2, 0, 0, 1}},
-        {"no key set", false, with(frame_with_key(1, 7), 8, half(0)) + p, {1, 0, 1}, {1, 0, 1}},
-        {"numbered 0, no key", false, key + frame_with_key(0, 7), {1, 1}, {1, 1}},
+        {"sound", key + p + p, {3}, {3}},
+        {"no frame", {}, {}, {}},
+        {"before the key frame", p + key + p, {2, 0, 0, 0, 0, 132, 1, 88}, {3}},
+        {"gaps", key + junk + p + junk + p, {3, 0, 0, 0, 0, 100, 2, 220}, {3, 0, 0, 0, 0, 100, 2, 132}},
+        {"noise at the end", key + junk, {1, 0, 0, 0, 0, 50, 1, 220}, {1, 0, 0, 0, 0, 19, 1, 132}},
+        {"cut off", key + part(p, 0, 100), {1, 0, 0, 0, 0, 100, 1, 220}, {1}},
+        {"noise behind it", key + zero + junk + p, {2, 1, 0, 0, 0, 50, 1, 352}, {2, 1, 0, 0, 0, 50, 1, 264}},
+        {"a lie behind it", key + zero + lies + p, {2, 1, 0, 0, 1}, {2, 1, 0, 0, 0, 132, 1, 264}},
+        {"some wrong keys", key + locked(2, 7) + locked(3, 8), {2, 0, 0, 1}, {2, 0, 0, 1}},
+        {"no key set", with(locked(1, 7), 8, half(0)) + p, {1, 0, 1}, {1, 0, 1}, false},
+        {"numbered 0, no key", key + locked(0, 7), {1, 1}, {1, 1}, false},
     };
-    for (const auto& [what, keySet, frames, file, stream] : rows) {
+    for (const auto& [what, frames, file, stream, keySet] : rows) {
         SCOPED_TRACE(what);
         Bytes secret(16, 7);
         SetDecryptKey(keySet ? secret.data() : nullptr, 16);
@@ -74,44 +59,34 @@ TEST(Report, WhatIsKeptAndWhatIsNot)
 
         Recording open;
         EXPECT_EQ(report(), Counts{});
-        for (size_t at = 0; at < frames.size(); at += 41) {
-            Bytes piece = part(frames, at, at + 41);
-            RecordAviEx(piece.data(), int(piece.size()));
-        }
+        push_in_pieces(frames, 41);
         EXPECT_EQ(StopRecordEx(0), 0);
-        RecordAviEx(secret.data(), 16); // nothing is open: not part of the recording
+        push_in_pieces(secret, 16); // nothing is open: not part of the recording
         EXPECT_EQ(report(), stream);
     }
     SetDecryptKey(nullptr, 0);
-    Initialize(8000);
+    Job job;
     EXPECT_EQ(report(), Counts{});
-    QuorlinRelease();
 }
 
 TEST(Report, WritesOnlyTheRecordOfThisVersion)
 {
-    struct
-    {
-        SdvReport known;
-        uint64_t later;
-    } larger;
-    memset(&larger, 0x55, sizeof(larger));
-    larger.known.cbSize = sizeof(larger);
-    EXPECT_EQ(GetConversionReport(&larger.known), 0);
-    EXPECT_EQ(larger.later, 0x5555555555555555u);
-    EXPECT_EQ(larger.known.reserved, 0x55555555u);
-    larger.known.cbSize = sizeof(SdvReport) - 1;
-    larger.known.u64Gaps = 42;
-    EXPECT_EQ(GetConversionReport(&larger.known), -1);
-    EXPECT_EQ(larger.known.u64Gaps, 42u);
+    SdvReport reports[2]; // the second one stands for what a later version adds
+    memset(reports, 0x55, sizeof(reports));
+    EXPECT_EQ(GetConversionReport(reports), 0);
+    EXPECT_EQ(reports[0].reserved, 0x55555555u);
+    EXPECT_EQ(reports[1].cbSize, 0x55555555u);
+    reports[1].cbSize = sizeof(SdvReport) - 1;
+    EXPECT_EQ(GetConversionReport(&reports[1]), -1);
+    EXPECT_EQ(reports[1].u64Gaps, 0x5555555555555555u);
     EXPECT_EQ(GetConversionReport(nullptr), -1);
 }
 
 TEST(Report, IsReadWhileAConversionRuns)
 {
     TempDir dir;
-    Frames frames;
-    for (uint32_t i = 1; i <= 4000; ++i) frames.push_back(picture(i, 500, i != 1));
+    Frames frames; // for three blocks of the index
+    for (uint32_t i = 1; i <= 6001; ++i) frames.push_back(picture(i, i < 3000 ? 300 : 8, i != 1));
     write_file(dir / "in", recording(frames));
     std::atomic<bool> over = false;
     std::thread reader([&] {
@@ -127,4 +102,5 @@ TEST(Report, IsReadWhileAConversionRuns)
     }
     over = true;
     reader.join();
+    expect_video(dir / "out", frames);
 }

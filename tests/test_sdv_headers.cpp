@@ -1,14 +1,12 @@
-#include <cstring>
-
 #include "support.h"
 
 TEST(SdvHeaders, FileHeaderNeedsKnownModeAndRate)
 {
     for (const int rate : {0, 30, 31, 65535}) {
         for (const int mode : {0, 11, 20, 21, 22, 31, 32, 33, 41, 21 + 256}) {
-            const Bytes bytes = sdv::file_header({.mode = uint16_t(mode), .frameRate = uint16_t(rate)});
-            S_FileHeader header;
-            memcpy(&header, bytes.data(), sizeof(header));
+            S_FileHeader header = {};
+            header.Mode = uint16_t(mode);
+            header.FrameRate = uint16_t(rate);
             const bool known = mode == 11 || mode == 21 || mode == 31 || mode == 32 || mode == 41;
             EXPECT_EQ(IsValidFileHeader(&header), rate <= 30 && known) << rate << ", mode " << mode;
         }
@@ -17,13 +15,7 @@ TEST(SdvHeaders, FileHeaderNeedsKnownModeAndRate)
 
 TEST(SdvHeaders, FrameSizesMustAddUp)
 {
-    const struct
-    {
-        const char* what;
-        uint32_t frame, video;
-        uint16_t slots, slotSize;
-        bool converts, streams;
-    } rows[] = {
+    const std::tuple<const char*, uint32_t, uint32_t, uint16_t, uint16_t, bool, bool> rows[] = {
         {"header alone", 32, 0, 0, 0, true, true},
         {"one slot before, two after", 32 + 1000 + 3 * 324, 1000, 0x0102, 324, true, true},
         {"one byte too many", 32 + 1000 + 3 * 324 + 1, 1000, 0x0102, 324, false, false},
@@ -35,14 +27,14 @@ TEST(SdvHeaders, FrameSizesMustAddUp)
         {"video wraps the sum", 31, 0xFFFFFFFF, 0, 0, false, false},
         {"all zero", 0, 0, 0, 0, false, false},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto& [what, size, video, slots, slotSize, converts, streams] : rows) {
+        SCOPED_TRACE(what);
         Bytes header = Bytes(1, 0xEE) + // frames lie at any address
-                       words(0, row.frame, 0, 0, 0, row.video, half(row.slots), half(row.slotSize), 0);
-        EXPECT_EQ(IsValidFrmHeader(&header[1]), row.converts);
-        for (const int mode : {0, 21, 41}) EXPECT_EQ(IsValidFrameHeader(&header[1], mode), row.streams);
+                       words(0, size, 0, 0, 0, video, half(slots), half(slotSize), 0);
+        EXPECT_EQ(IsValidFrmHeader(&header[1]), converts);
+        for (const int mode : {0, 21, 41}) EXPECT_EQ(IsValidFrameHeader(&header[1], mode), streams);
         EXPECT_EQ(IsValidFrameHeader(&header[1], 11), 1);
-        EXPECT_EQ(GetFrameSize(&header[1], 21), int(row.frame));
+        EXPECT_EQ(GetFrameSize(&header[1], 21), int(size));
     }
     Bytes mpeg4 = hex("00008000ff0102ff");
     EXPECT_EQ(GetFrameSize(mpeg4.data(), 11), 258) << "big-endian";

@@ -1,16 +1,8 @@
-#include <algorithm>
-#include <cstring>
-
 #include "support.h"
 
 static int push(Bytes piece)
 {
     return RecordAviEx(piece.data(), int(piece.size()));
-}
-
-static void push_in_pieces(const Bytes& bytes, size_t size)
-{
-    for (size_t at = 0; at < bytes.size(); at += size) ASSERT_EQ(push(part(bytes, at, at + size)), 0);
 }
 
 TEST(Stream, PiecesGiveTheConversionsBytes)
@@ -72,42 +64,37 @@ TEST(Stream, PiecesThatDoNotFitAreRefusedWhole)
     const std::string full = "-------buffer is not large enough-------";
     const Frames frames = {picture(1), picture(2, 2097152 - 32)};
     const Bytes small = sdv::frame(frames[0]), frame = sdv::frame(frames[1]);
-    {
-        Job job;
-        EXPECT_EQ(push(small), 0); // nothing is open: consumed, not written
-        EXPECT_EQ(g_tSdv2Avi.m_iStreamLen, 0);
-    }
+    const auto held = [] {
+        return Bytes(g_tSdv2Avi.m_pStreamBuf, g_tSdv2Avi.m_pStreamBuf + g_tSdv2Avi.m_iStreamLen);
+    };
     Recording open;
-    push(part(small, 0, 10)), push(part(small, 10, 31)), push(part(small, 31, 131));
+    EXPECT_EQ(push(part(small, 0, 131)), 0);
     EXPECT_EQ(g_tSdv2Avi.m_iTotalFrames, 0);
-    push(part(small, 131, 132));
+    const Bytes begin = part(frame, 0, 1000);
+    EXPECT_EQ(push(part(small, 131, 132) + begin), 0);
     EXPECT_EQ(g_tSdv2Avi.m_iTotalFrames, 1);
 
-    const int held = 1000, room = 6291456 - held;
-    push(part(frame, 0, held));
-    Bytes rest = part(frame, held, frame.size());
+    const int room = 6291456 - 1000;
+    Bytes rest = part(frame, 1000, frame.size());
     rest.resize(size_t(room) + 1, 0x77);
-    const std::tuple<unsigned char*, int, std::string> refusals[] = {{rest.data(), room + 1, full},
-                                                                     {rest.data(), 0x7FFFFFFF, full},
-                                                                     {rest.data(), -1, ""},
-                                                                     {rest.data(), -2147483647 - 1, ""},
-                                                                     {nullptr, 1, ""}};
+    const std::tuple<unsigned char*, int, std::string> refusals[] = {
+        {rest.data(), room + 1, full},
+        {rest.data(), 0x7FFFFFFF, full},
+        {rest.data(), -1, ""},
+        {rest.data(), -2147483647 - 1, ""},
+        {nullptr, 1, ""},
+    };
     for (const auto& [bytes, length, said] : refusals) {
         EXPECT_EQ(told(2, [&] { return RecordAviEx(bytes, length); }), Told(-1, said)) << length;
-        EXPECT_EQ(g_tSdv2Avi.m_iStreamLen, held);
-        EXPECT_EQ(memcmp(g_tSdv2Avi.m_pStreamBuf, frame.data(), size_t(held)), 0);
+        EXPECT_TRUE(same_bytes(held(), begin));
     }
-    EXPECT_EQ(RecordAviEx(rest.data(), 0), 0);
-    EXPECT_EQ(RecordAviEx(rest.data(), room), 0);
+    EXPECT_EQ(RecordAviEx(rest.data(), 0) | RecordAviEx(rest.data(), room), 0);
     EXPECT_EQ(push(part(small, 0, 40)), 0);
     EXPECT_EQ(StopRecordEx(0), 0);
-    EXPECT_EQ(g_tSdv2Avi.m_iStreamLen, 40) << "an unfinished frame stays";
+    EXPECT_TRUE(same_bytes(held(), part(small, 0, 40))) << "an unfinished frame stays";
+    EXPECT_EQ(push(part(small, 40, 132)), 0); // nothing is open: consumed, not written
+    EXPECT_TRUE(held().empty());
     expect_video(open.path, frames);
-
-    unsigned char* const buffer = g_tSdv2Avi.m_pStreamBuf;
-    g_tSdv2Avi.m_pStreamBuf = nullptr; // as when no memory was to be had
-    EXPECT_EQ(push(small), -1);
-    g_tSdv2Avi.m_pStreamBuf = buffer;
 }
 
 TEST(Stream, PushAndStopFromTwoThreads)
