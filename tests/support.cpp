@@ -1,10 +1,12 @@
 #include "support.h"
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <barrier>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -145,6 +147,13 @@ int in_child(const std::function<int()>& work)
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void limit_files(uint64_t size)
+{
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {rlim_t(size), RLIM_INFINITY};
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
 }
 
 void two_at_once(const std::function<void(int)>& work)

@@ -77,6 +77,9 @@ Told told(int fd, const std::function<long()>& work);
 // The exit status of work in a forked child, 128 and the signal when one ended it.
 int in_child(const std::function<int()>& work);
 
+// No file of this process grows beyond it; to be called in a child.
+void limit_files(uint64_t size);
+
 // Two threads that call work(0) and work(1) as nearly at once as a barrier allows.
 void two_at_once(const std::function<void(int)>& work);
 

@@ -187,6 +187,28 @@ TEST(Conversion, AudioDefaultsReachTheFile)
     }
 }
 
+// At every 4 KiB of the output, and where its headers and its index are written.
+TEST(Conversion, FullDiskIsNoSuccess)
+{
+    TempDir dir;
+    write_file(dir / "in", recording({picture(1, 30000, 0), picture(2, 20001), picture(3, 9000)}));
+    convert(dir / "in", dir / "out");
+    const uint64_t whole = file_size(dir / "out");
+    std::vector<uint64_t> limits = {800, whole - 40, whole - 1, whole};
+    for (uint64_t limit = 0; limit < whole; limit += 4096) limits.push_back(limit);
+    for (const uint64_t limit : limits) {
+        const int position = in_child([&] {
+            limit_files(limit);
+            const int result = KtConvert_SDVtoAVI(text(dir / "in"), text(dir / "out"));
+            const int outcome = result == 0 ? g_tSdv2Avi.m_iPosition & 0xFF : 200;
+            limit_files(UINT64_MAX);
+            return convert(dir / "in", dir / "next") == done ? outcome : 201;
+        });
+        EXPECT_EQ(position, limit == whole ? 100 : 0xFE) << limit;
+        EXPECT_EQ(exists(dir / "out"), limit == whole);
+    }
+}
+
 TEST(Conversion, OldSinglePass)
 {
     const Bytes two = sdv::file_header({.frameCount = 2}), endless = sdv::file_header({.frameCount = 1000}),

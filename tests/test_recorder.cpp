@@ -1,8 +1,6 @@
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <csignal>
 #include <fstream>
 
 #include "support.h"
@@ -196,10 +194,9 @@ TEST(Recorder, StartAndStopWithoutFrames)
 static int record_within(uint64_t limit, const std::string& path, const Frames& frames)
 {
     return in_child([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit size = {rlim_t(limit), rlim_t(limit)};
+        limit_files(limit);
         Job job;
-        if (setrlimit(RLIMIT_FSIZE, &size) != 0 || StartRecord(0, path.c_str(), 1) != 0) return 99;
+        if (StartRecord(0, path.c_str(), 1) != 0) return 99;
         for (const FrameFields& frame : frames) push_frame(sdv::frame(frame));
         return StopRecord(0);
     });
