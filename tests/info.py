@@ -67,12 +67,19 @@ def frames():
     expect("frames in the text", sum(line.endswith("  recorded") for line in lines), 100)
 
 
+def keys():
+    make("other.sdv", "--key", OTHER_KEY)
+    Path("both.sdv").write_bytes(Path(ODD_NAME).read_bytes() + Path("other.sdv").read_bytes()[88:])
+    for fits, code, name, *key in (("yes", 7, ODD_NAME, "--key", KEY), ("partly", 5, "both.sdv", "--key", KEY),
+                                   ("no", 5, ODD_NAME, "--key", OTHER_KEY), ("not given", 7, ODD_NAME)):
+        expect("the key fits", at(json.loads(info("--json", name, *key, code=code)), "encryption/keyFits"), fits)
+
+
 def codes():
     keyed = ["--key", KEY]
     files = lambda: {path: path.read_bytes() for path in Path(".").rglob("*.*")}
     before = files()
-    for code, arguments in ((3, ["noise.sdv"]), (1, ["missing.sdv"]), (1, ["."]), (7, [ODD_NAME, *keyed]),
-                            (5, [ODD_NAME, "--key", OTHER_KEY]), (5, ["plain.sdv", "--key", "xyz"]),
+    for code, arguments in ((3, ["noise.sdv"]), (1, ["missing.sdv"]), (1, ["."]), (5, ["plain.sdv", "--key", "xyz"]),
                             (7, [ODD_NAME, "plain.sdv", *keyed]), (1, [ODD_NAME, "missing.sdv", "noise.sdv"]),
                             (2, ["--report", "a.html", "plain.sdv", "noise.sdv"]),
                             (2, ["--report", "plain.sdv", "plain.sdv"]), (6, ["--report", "no/a.html", "plain.sdv"])):
@@ -128,5 +135,5 @@ if __name__ == "__main__":
     if CHROMIUM and CHROMIUM[0].endswith("NOTFOUND"):
         print("skipped: no chromium to look at the page with")
         sys.exit(77)
-    checks = (page,) if CHROMIUM else (figures, frames, codes)
+    checks = (page,) if CHROMIUM else (figures, frames, keys, codes)
     go_through([(check.__name__, check) for check in checks], prepare)
