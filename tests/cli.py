@@ -75,7 +75,7 @@ def prepare():
     for path in "dir", "tree/in", DEEP:
         Path(path).mkdir(parents=True)
     for path, data in {"one.sdv": plain[: 88 + int.from_bytes(plain[92:96], "little")], "headers.sdv": plain[:88],
-                       "torn.sdv": plain[:200], "garbage.sdv": b"\x55" * 4096, "empty.sdv": b"", "out.avi": OLD,
+                       "torn.sdv": plain[:200], "garbage.sdv": b"\x55" * 4096, "out.avi": OLD,
                        "old-001.avi": OLD, "part-003.avi": OLD, DEEP + "/in.sdv": plain,
                        "tree/in/plain.sdv": plain, "tree/top.SDV": plain,
                        "tree/in/secret.sdv": Path("secret.sdv").read_bytes()}.items():
