@@ -149,6 +149,7 @@ TEST(AviRepair, WhatItCannotKnowItDoesNotTouch)
         {"something behind", ulaw + Bytes(100, 'x'), mulaw, "no torn chunk"},
         {"chunks behind a hole", ulaw + Bytes(100, 0) + words("01wb", 2, 9), mulaw, "no torn chunk"},
         {"an absurd chunk", ulaw + words("00dc", 3 << 20) + Bytes(100, 'x'), mulaw, "no torn chunk"},
+        {"no whole chunk", part(ulaw, 0, 340), mulaw, "no whole chunk"},
         {"nothing but zeros", Bytes(1000, 0), mulaw, "no chunks"},
         {"nothing", {}, {}, "no chunks"},
     };
