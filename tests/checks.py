@@ -32,9 +32,11 @@ def make(output, *options, sound=TONE):
 
 
 def pictures(path):
-    """Of an AVI file, which must be sound."""
+    """Of an AVI file, which must be sound and begin with a key frame."""
     run(AVICHECK, path)
-    return int.from_bytes(path.read_bytes()[48:52], "little")
+    avi = path.read_bytes()
+    assert avi[avi.find(b"00dc", avi.rfind(b"idx1")) + 4] == 0x10, f"{path} begins without a key frame"
+    return int.from_bytes(avi[48:52], "little")
 
 
 def go_through(cases, prepare=lambda: None):

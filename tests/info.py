@@ -5,9 +5,10 @@
 
 With CHROMIUM, the page alone, in that browser.
 """
-import base64
+import functools
 import html
 import json
+import operator
 import os
 import re
 import subprocess
@@ -18,6 +19,12 @@ from pathlib import Path
 from checks import KEY, OTHER_KEY, expect, go_through, make, run
 
 SDVINFO, CHROMIUM = Path(sys.argv[5]).resolve(), sys.argv[6:]
+# The page in a frame of a phone's width, which measures it.
+PHONE = """<!doctype html><iframe src="page.html" width="390" height="800" style="border:0"></iframe><p></p><script>
+onload = () => {
+  const page = document.querySelector("iframe").contentDocument.documentElement;
+  document.querySelector("p").textContent = page.clientWidth + " of " + page.scrollWidth;
+};</script>"""
 ODD_NAME = os.fsdecode(b"</script>\xff & \"odd\".sdv")
 
 
@@ -33,9 +40,7 @@ def prepare():
 
 
 def at(tree, path):
-    for step in path.split("/"):
-        tree = tree[step]
-    return tree
+    return functools.reduce(operator.getitem, path.split("/"), tree)
 
 
 # ---- the command line
@@ -52,9 +57,9 @@ def figures():
 
 def frames():
     first, second, third = json.loads(info("--json", "--frames", "plain.sdv", ODD_NAME, "noise.sdv", code=3))
-    listed = first["frameList"]
-    expect("frames listed", [f["number"] for f in listed], list(range(1, 101)))
-    expect("end of the last", listed[-1]["offset"] + listed[-1]["size"], first["size"])
+    ends = [88] + [f["offset"] + f["size"] for f in first["frameList"]]
+    expect("frames listed", [(f["number"], f["offset"]) for f in first["frameList"]], [*enumerate(ends[:-1], 1)])
+    expect("number and end of frames", (len(ends), ends[-1]), (101, first["size"]))
     expect("name", second["file"], os.fsencode(ODD_NAME).decode(errors="replace"))
     expect("fates", {f["fate"] for f in second["frameList"]}, {"encrypted, without a key"})
     expect("no recording", third["error"], "noise.sdv: is no SDV recording")
@@ -62,12 +67,19 @@ def frames():
     expect("frames in the text", sum(line.endswith("  recorded") for line in lines), 100)
 
 
+def keys():
+    make("other.sdv", "--key", OTHER_KEY)
+    Path("both.sdv").write_bytes(Path(ODD_NAME).read_bytes() + Path("other.sdv").read_bytes()[88:])
+    for fits, code, name, *key in (("yes", 7, ODD_NAME, "--key", KEY), ("partly", 5, "both.sdv", "--key", KEY),
+                                   ("no", 5, ODD_NAME, "--key", OTHER_KEY), ("not given", 7, ODD_NAME)):
+        expect("the key fits", at(json.loads(info("--json", name, *key, code=code)), "encryption/keyFits"), fits)
+
+
 def codes():
     keyed = ["--key", KEY]
     files = lambda: {path: path.read_bytes() for path in Path(".").rglob("*.*")}
     before = files()
-    for code, arguments in ((3, ["noise.sdv"]), (1, ["missing.sdv"]), (1, ["."]), (7, [ODD_NAME, *keyed]),
-                            (5, [ODD_NAME, "--key", OTHER_KEY]), (5, ["plain.sdv", "--key", "xyz"]),
+    for code, arguments in ((3, ["noise.sdv"]), (1, ["missing.sdv"]), (1, ["."]), (5, ["plain.sdv", "--key", "xyz"]),
                             (7, [ODD_NAME, "plain.sdv", *keyed]), (1, [ODD_NAME, "missing.sdv", "noise.sdv"]),
                             (2, ["--report", "a.html", "plain.sdv", "noise.sdv"]),
                             (2, ["--report", "plain.sdv", "plain.sdv"]), (6, ["--report", "no/a.html", "plain.sdv"])):
@@ -103,8 +115,8 @@ def page():
     expect("embedded figures", re.search(r'id="data">(.*?)</script>', shown, re.S)[1].strip(), told.strip())
     tree = json.loads(told)
     facts = {path: html.unescape(text) for path, text in re.findall(r'<data id="(.*?)" value="(.*?)"', shown)}
-    expect("facts", {path: value_of(text, at(tree, path)) for path, text in facts.items()},
-           {path: at(tree, path) for path in facts})
+    wanted = {path: at(tree, path) for path in facts}
+    expect("facts", {path: value_of(text, wanted[path]) for path, text in facts.items()}, wanted)
     assert len(facts) > 30, f"only {len(facts)} facts on the page"
     bins = [dict(zip(tree["timeline"]["columns"], row)) for row in tree["timeline"]["bins"]]
     count = lambda column: sum(row[column] > 0 for row in bins)
@@ -114,27 +126,14 @@ def page():
             "hit": len(bins) + len(tree["seconds"]["bins"])})
     expect("rows", Counter(re.findall(r'<tr class="(\w+)"', shown)),
            {"place": tree["damage"]["places"], "jump": tree["numbering"]["gaps"]})
-
-
-def phone():
-    """On a phone nothing lies beside the screen. The page lies in a frame of a phone's width, which measures it."""
-    info(ODD_NAME, "--key", KEY, "--report", "page.html", code=7)
-    text = base64.b64encode(Path("page.html").read_bytes()).decode()
-    Path("phone.html").write_text(f"""<!doctype html><iframe width="390" height="800" style="border:0"></iframe><p></p>
-<script>const frame = document.querySelector("iframe");
-frame.onload = () => {{
-  const page = frame.contentDocument.documentElement;
-  document.querySelector("p").textContent = page.clientWidth + " of " + page.scrollWidth;
-}};
-frame.srcdoc = new TextDecoder().decode(Uint8Array.from(atob("{text}"), c => c.charCodeAt(0)));</script>""")
-    seen, whole = re.findall(r"<p>(\d+) of (\d+)</p>", browse("phone.html"))[-1]
-    assert int(seen) > 300, f"the frame was not measured: {seen}"
-    expect("width on a phone", whole, seen)
+    # On a phone nothing lies beside the screen.
+    Path("phone.html").write_text(PHONE)
+    assert re.search(r"<p>(3\d\d) of \1</p>", browse("phone.html")), "wider than a phone"
 
 
 if __name__ == "__main__":
     if CHROMIUM and CHROMIUM[0].endswith("NOTFOUND"):
         print("skipped: no chromium to look at the page with")
         sys.exit(77)
-    checks = (page, phone) if CHROMIUM else (figures, frames, codes)
+    checks = (page,) if CHROMIUM else (figures, frames, keys, codes)
     go_through([(check.__name__, check) for check in checks], prepare)

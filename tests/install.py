@@ -1,23 +1,22 @@
 #!/usr/bin/env python3
 """A program of somebody else finds the installed library, by pkg-config and by CMake, also where it was moved to.
 
-    install.py CMAKE PKG_CONFIG CC BUILD_DIR
+    install.py SDVMAKE SDV2AVI AVICHECK DATA_DIR CMAKE PKG_CONFIG CC BUILD_DIR
 """
 import os
-import subprocess
 import sys
-import tempfile
 from pathlib import Path
 
+from checks import go_through, run
+
+CMAKE, PKG_CONFIG, CC, BUILD = sys.argv[5:]
 PROGRAM = """
 #include <Quorlin.h>
 #include <libos.h>
 #include <common_fun.h>
 int main(void)
 {
-    unsigned char key[16] = {0};
-    SetDecryptKey(key, sizeof(key));
-    return KtConvert_SDVtoAVI("nothing.sdv", "nothing.avi") != 0 ? 0 : 1;
+    return KtConvert_SDVtoAVI("nothing.sdv", "nothing.avi") == 0;
 }
 """
 PROJECT = """
@@ -29,29 +28,24 @@ target_link_libraries(consumer PRIVATE quorlin::quorlin)
 """
 
 
-def run(*command, **more):
-    done = subprocess.run(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120, **more)
-    assert done.returncode == 0, f"{command}: exit code {done.returncode}\n{done.stdout}"
-    return done.stdout
+def install():
+    run(CMAKE, "--install", BUILD, "--prefix", "installed")
+    Path("installed").rename("moved")
+    Path("consumer.c").write_text(PROGRAM)
+    Path("CMakeLists.txt").write_text(PROJECT)
 
 
-def main():
-    cmake, pkg_config, cc, build = sys.argv[1:]
-    with tempfile.TemporaryDirectory() as directory:
-        work, prefix = Path(directory), Path(directory) / "moved"
-        run(cmake, "--install", build, "--prefix", work / "installed")
-        (work / "installed").rename(prefix)
-        (work / "consumer.c").write_text(PROGRAM)
-        (work / "CMakeLists.txt").write_text(PROJECT)
-
-        found = next(prefix.rglob("quorlin.pc")).parent
-        flags = run(pkg_config, "--cflags", "--libs", "quorlin", env={**os.environ, "PKG_CONFIG_PATH": str(found)})
-        run(cc, "consumer.c", "-o", "consumer", *flags.split(), cwd=work)
-        run(work / "consumer", cwd=work, env={**os.environ, "LD_LIBRARY_PATH": str(found.parent)})
-
-        run(cmake, "-S", work, "-B", work / "build", f"-DCMAKE_PREFIX_PATH={prefix}")
-        run(cmake, "--build", work / "build")
-        run(work / "build/consumer", cwd=work)
+def by_pkg_config():
+    found = next(Path("moved").resolve().rglob("quorlin.pc")).parent
+    flags = run(PKG_CONFIG, "--cflags", "--libs", "quorlin", env={**os.environ, "PKG_CONFIG_PATH": str(found)}).stdout
+    run(CC, "consumer.c", "-o", "consumer", *flags.split())
+    run("./consumer", text=False, env={**os.environ, "LD_LIBRARY_PATH": str(found.parent)})
 
 
-main()
+def by_cmake():
+    run(CMAKE, "-S", ".", "-B", "build", f"-DCMAKE_PREFIX_PATH={Path('moved').resolve()}")
+    run(CMAKE, "--build", "build")
+    run("build/consumer", text=False)
+
+
+go_through(((check.__name__, check) for check in (by_pkg_config, by_cmake)), install)

@@ -3,7 +3,6 @@
 
     readers.py SDVMAKE SDV2AVI AVICHECK DATA_DIR
 """
-import struct
 from pathlib import Path
 
 from checks import DATA, KEY, SDV2AVI, TONE, expect, go_through, make, pictures, run
@@ -23,31 +22,11 @@ def ffmpeg(source, *arguments):
     return read("ffmpeg", "-v", "error", "-nostdin", "-xerror", "-i", source, *arguments, "-")
 
 
-def adts_frames(data):
-    count = at = 0
-    while at + 7 <= len(data):
-        at += (data[at + 3] & 3) << 11 | data[at + 4] << 3 | data[at + 5] >> 5
-        count += 1
-    return count
-
-
-def index_positions(data):
-    """Where the index says the chunks' data begin, by stream."""
-    movi = 212 if data[212 + 8 : 212 + 12] == b"movi" else 316
-    size = struct.unpack_from("<I", data, movi + 4)[0]
-    at = movi + 8 + size
-    expect("index id", data[at : at + 4], b"idx1")
-    positions = {b"00dc": [], b"01wb": []}
-    for entry in range(at + 8, len(data), 16):
-        chunk, _, offset, _ = struct.unpack_from("<4sIII", data, entry)
-        positions[chunk].append(movi + 8 + offset + 8)
-    return positions[b"00dc"], positions[b"01wb"]
-
-
-def packets(avi, stream):
-    lines = read("ffprobe", "-v", "error", "-fflags", "+ignidx", "-select_streams", stream, "-show_packets",
-                "-show_entries", "packet=pos", "-of", "csv=p=0", avi)
-    return [int(word) for word in lines.decode().replace(",", " ").split()]
+def demux(avi, pad):
+    """By the index: this reader goes where it says."""
+    read("gst-launch-1.0", "-q", "filesrc", f"location={avi}", "!", "avidemux", "name=d", f"d.{pad}", "!",
+         "filesink", "location=demuxed")
+    return Path("demuxed").read_bytes()
 
 
 def check_video(avi, video):
@@ -55,20 +34,16 @@ def check_video(avi, video):
     frames = read("ffprobe", "-v", "error", "-count_frames", "-select_streams", "v", "-show_entries",
                   "stream=nb_read_frames", "-of", "csv=p=0", avi)
     expect("decoded pictures", int(frames.split()[0].strip(b",")), 100)
-    read("gst-launch-1.0", "-q", "filesrc", f"location={avi}", "!", "avidemux", "name=d", "d.video_0", "!",
-         "filesink", "location=demuxed.h264")
-    expect("video demuxed by GStreamer", Path("demuxed.h264").read_bytes(), video)
+    expect("video demuxed by GStreamer", demux(avi, "video_0"), video)
 
 
 def check_audio(avi, audio):
-    """The number of audio chunks that must be there."""
-    data = audio.read_bytes()
-    if audio.suffix != ".aac":
-        expect("audio copied by ffmpeg", ffmpeg(avi, "-map", "0:a", "-c", "copy", "-f", "data"), data)
-        return len(data) // 320
-    samples = ("-map", "0:a", "-c:a", "pcm_s16le", "-f", "s16le")
-    expect("decoded audio", ffmpeg(avi, *samples), ffmpeg(audio, *samples))
-    return adts_frames(data)
+    if audio.suffix == ".aac":
+        samples = ("-map", "0:a", "-c:a", "pcm_s16le", "-f", "s16le")
+        expect("decoded audio", ffmpeg(avi, *samples), ffmpeg(audio, *samples))
+    else:
+        expect("audio copied by ffmpeg", ffmpeg(avi, "-map", "0:a", "-c", "copy", "-f", "data"), audio.read_bytes())
+        expect("audio demuxed by GStreamer", demux(avi, "audio_0"), audio.read_bytes())
 
 
 def check_case(audio, *keys):
@@ -78,10 +53,8 @@ def check_case(audio, *keys):
     expect("pictures", pictures(avi), 100)
     ffmpeg(avi, "-f", "null")
     check_video(avi, (DATA / "clip.h264").read_bytes())
-    wanted = 100, check_audio(avi, DATA / audio[0]) if audio else 0
-    for stream, positions, count in zip("va", index_positions(avi.read_bytes()), wanted):
-        expect(f"packets of stream {stream}", packets(avi, stream), positions)
-        expect(f"number of packets of stream {stream}", len(positions), count)
+    if audio:
+        check_audio(avi, DATA / audio[0])
 
 
 if __name__ == "__main__":

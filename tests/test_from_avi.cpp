@@ -3,11 +3,6 @@
 #include "from_avi.h"
 #include "support.h"
 
-static Bytes slot(size_t samples, uint32_t seed)
-{
-    return sdv::g711_slot(noise(samples, seed));
-}
-
 static Bytes aac(std::initializer_list<size_t> sizes, size_t room)
 {
     Bytes bytes;
@@ -19,9 +14,10 @@ static Bytes aac(std::initializer_list<size_t> sizes, size_t room)
 static std::vector<std::pair<const char*, Frames>> shapes()
 {
     const auto pic = [](uint32_t number, size_t size = 100) { return picture(number, size, number != 1); };
-    const std::vector<Bytes> two = {slot(320, 1), slot(320, 2)}, odd = {slot(33, 3)};
+    auto slot = [seed = 0u](size_t samples) mutable { return sdv::g711_slot(noise(samples, ++seed)); };
+    const std::vector<Bytes> two = {slot(320), slot(320)}, odd = {slot(33)};
     const std::vector<Bytes> most(255, odd[0]);
-    const std::vector<Bytes> long90(90, slot(511, 1)); // too much for a frame that has as many already
+    const std::vector<Bytes> long90(90, slot(511)); // too much for a frame that has as many already
     return {
         {"video", {pic(1), pic(2, 33), pic(3, 0)}},
         {"slots on both sides", {with_audio(pic(1), 2, two, two), with_audio(pic(2), 2, two, {})}},
@@ -61,11 +57,6 @@ TEST(FromAvi, TheWayBackEndsWhereItBegan)
             SCOPED_TRACE(testing::Message() << what << ", mode " << mode);
             const sdv::FileFields header = {.mode = mode, .frameRate = 12, .width = 640, .sampleRate = 16000};
             const Bytes avi = to_avi(frames, header);
-            write_file(dir / "a.sdv", recording(frames, header));
-            if (mode == 21 || mode == 41) { // the others are pushed only
-                EXPECT_EQ(convert(dir / "a.sdv", dir / "a.avi"), done);
-                EXPECT_TRUE(same_bytes(read_file(dir / "a.avi"), avi));
-            }
             write_file(dir / "a.avi", avi);
             ASSERT_TRUE(sdv::from_avi(dir / "a.avi", back = {}, again = {}, why)) << why;
             back.mode = mode;

@@ -42,12 +42,11 @@ TEST(AccessUnits, BeginWhereAPictureBegins)
     for (const auto& [letters, expected] : rows)
         for (const char* code : {"000001", "00000001"}) EXPECT_EQ(cut(letters, code), expected);
 
-    const Bytes odd = hex("09090000010000000165880000000001419a0000");
-    const auto nals = annexb::split_nals(odd); // junk, an empty NAL, zeros behind a NAL and at the end
+    // Junk, an empty NAL, zeros behind a NAL and at the end.
+    const auto nals = annexb::split_nals(hex("09090000010000000165880000000001419a0000"));
     ASSERT_EQ(nals.size(), 2u);
-    EXPECT_EQ(odd[nals[0].payload], 0x65);
-    EXPECT_EQ(nals[1].begin, 12u);
-    EXPECT_EQ(nals[1].end, odd.size());
+    EXPECT_EQ(std::tuple(nals[0].type, nals[0].payload, nals[1].begin, nals[1].end),
+              std::tuple(5, 9u, 12u, 20u));
     for (const char* nothing : {"", "000001"}) EXPECT_TRUE(annexb::split_nals(hex(nothing)).empty());
     for (const char* code : {"000001", "00000001"})
         EXPECT_EQ(annexb::with_long_start_code(hex(std::string(code) + "65")), hex("0000000165"));
@@ -73,7 +72,7 @@ TEST(Sps, GivesThePictureSizeAfterCropping)
         EXPECT_EQ(std::tuple(size.width, size.height, rate), std::tuple(width, height, 25u)) << what;
         EXPECT_FALSE(sps::picture_rate(part(nal, 0, nal.size() - 9), rate)) << what;
         for (size_t length = 0; length < 9; ++length)
-            EXPECT_FALSE(sps::picture_size(part(nal, 0, length), size)) << what << length;
+            EXPECT_FALSE(sps::picture_size(part(nal, 0, length), size)) << what;
     }
     std::mt19937 random(1);
     for (int round = 0; round < 20000; ++round) { // any bytes at all
@@ -89,10 +88,9 @@ TEST(Adts, KeepsWholeFramesOfTornStreams)
 {
     const Bytes tone = read_file(TEST_DATA_DIR "/tone48k.aac");
     const auto whole = adts::split(tone);
-    ASSERT_EQ(whole.frames.size(), 189u);
-    EXPECT_EQ(whole.skipped, 0u);
+    ASSERT_EQ(std::pair(whole.frames.size(), whole.skipped), std::pair(size_t(189), size_t(0)));
     const adts::Header header = whole.frames[0].header;
-    EXPECT_TRUE(header.sampleRate == 48000 && header.channels == 2 && !header.crc);
+    EXPECT_EQ(std::tuple(header.sampleRate, header.channels, header.crc), std::tuple(48000u, 2u, false));
     for (const size_t from : {0, 1}) // the last frame torn, or the first one
         EXPECT_EQ(adts::split(part(tone, from, tone.size() - 1 + from)).frames.size(), 188u);
 
@@ -133,8 +131,7 @@ TEST(Key, HexOfOneToSixteenBytes)
     for (const std::string good : {"0fA0", "cccccccccccccccccccccccccccccccc"})
         EXPECT_TRUE(tools::parse_key(good, key, why) && key == hex(good)) << good;
     for (const std::string bad : {"", "abc", "0x12", "12 ", "zz12", "cccccccccccccccccccccccccccccccccc"}) {
-        EXPECT_FALSE(tools::parse_key(bad, key, why)) << bad;
-        EXPECT_EQ(key, Bytes(16, 0xCC)) << bad;
+        EXPECT_TRUE(!tools::parse_key(bad, key, why) && key == Bytes(16, 0xCC)) << bad;
         EXPECT_TRUE(bad.empty() || why.find(bad) == std::string::npos) << why;
     }
 }
