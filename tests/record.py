@@ -187,12 +187,12 @@ def calling():
                     while status["bytes"] < len(data):
                         status = run.event("status")
                     assert not frames or (status["frames"], status["dropped"]) == (frames, 0), status
+                lost = run.event("lost")
+                assert lost["peer"] == peer and reason in lost["reason"], lost
                 if frames:
                     file = run.event("file")
                     expect("file", (file["pictures"], file["bytes"], file["report"]["frames_recorded"]),
                            (frames, len(avi), frames))
-                lost = run.event("lost")
-                assert lost["peer"] == peer and reason in lost["reason"], lost
             run.process.send_signal(signal.SIGTERM)
             assert run.event("stopped")["files"] == 2
             run.end(0, [f"{START}-2.avi", f"{START}.avi"])
