@@ -28,7 +28,7 @@ def run(*command, code=0, text=True, **more):
 
 def make(output, *options, sound=TONE):
     audio = ["--audio", DATA / sound[0], "--audio-code", sound[1]] if sound else []
-    run(SDVMAKE, DATA / "clip.h264", *audio, *options, "-o", output)
+    run(SDVMAKE, DATA / "clip.h264", *audio, *options, "--overwrite", "-o", output)
 
 
 def pictures(path):

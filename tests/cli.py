@@ -191,6 +191,7 @@ def avicheck():
         expect("files", [one["path"] for one in told if one["sound"] == (not one["findings"])], files)
         assert code or told[0]["streams"][1]["coding"] == "mulaw", told
     for code, file, said, *audio in (1, "cut.avi", ""), (0, "cut.avi", "", "--audio", "mulaw", "-o", "mended.avi"), \
+                                    (1, "cut.avi", "", "--audio", "none", "-o", "mended.avi"), \
                                     (0, "cut.avi", "finished: 55 pictures", "--audio", "mulaw"), \
                                     (0, "cut.avi", "sound already"), (1, "none.avi", "No such file"):
         done = run(AVICHECK, "--repair", file, *audio, code=code)
@@ -202,6 +203,7 @@ def sdvmake():
     """Of an AVI file, and what it does not understand."""
     run(SDV2AVI, "plain.sdv", "-o", "first.avi")
     made = json.loads(run(SDVMAKE, "--from-avi", "first.avi", "-o", "again.sdv", "--json").stdout)
+    run(SDVMAKE, "--from-avi", "first.avi", "-o", "again.sdv", code=6)
     expect("what was made", (made["frames"], made["bytes"], made["audio"]), (100, os.stat("again.sdv").st_size, True))
     run(SDV2AVI, "again.sdv")
     assert Path("first.avi").read_bytes() == Path("again.avi").read_bytes(), "another AVI file"

@@ -9,6 +9,7 @@ import os
 import random
 import re
 import resource
+import shutil
 import signal
 import socket
 import subprocess
@@ -16,7 +17,7 @@ import sys
 import time
 from pathlib import Path
 
-from checks import AVICHECK, KEY, SDV2AVI, TONE, expect, go_through, make, pictures, run as run_tool
+from checks import AVICHECK, DATA, KEY, SDV2AVI, TONE, expect, go_through, make, pictures, run as run_tool
 
 SDVRECORD = Path(sys.argv[5]).resolve()
 START = "20260309-140559"
@@ -155,12 +156,12 @@ def calling():
                     while frames and status["bytes"] < len(data):
                         status = run.event("status")
                     expect("status", (status["frames"], status["dropped"]), (frames, 0))
+                lost = run.event("lost")
+                assert lost["peer"] == peer and reason in lost["reason"], lost
                 if frames:
                     file = run.event("file")
                     expect("file", (file["pictures"], file["bytes"], file["report"]["frames_recorded"]),
                            (frames, len(avi), frames))
-                lost = run.event("lost")
-                assert lost["peer"] == peer and reason in lost["reason"], lost
             run.send_signal(signal.SIGTERM)
             assert run.event("stopped")["files"] == 2
             run.end(0)
@@ -236,6 +237,14 @@ def nothing():
             assert KEY not in run.log() and KEY[::-1] not in run.log()
 
 
+def unit():
+    """The example of a unit is one that systemd understands."""
+    if shutil.which("systemd-analyze"):
+        text = (DATA.parents[1] / "examples" / "sdvrecord.service").read_text()
+        Path("sdvrecord.service").write_text(text.replace("/usr/bin/sdvrecord", str(SDVRECORD)))
+        assert "sdvrecord" not in run_tool("systemd-analyze", "verify", "./sdvrecord.service").stderr
+
+
 if __name__ == "__main__":
     go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file, killed,
-                                                     full_disk, nothing))
+                                                     full_disk, nothing, unit))

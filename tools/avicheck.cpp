@@ -4,6 +4,7 @@
 #include "cli.h"
 #include "descriptors.h"
 #include "human.h"
+#include "temp_output.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -18,7 +19,7 @@ using Json = nlohmann::ordered_json;
 struct Options
 {
     std::vector<std::string> files;
-    bool json = false, quiet = false, repair = false;
+    bool json = false, quiet = false, repair = false, overwrite = false;
     std::string output, from, like;
     tools::AviHints given;
 };
@@ -147,9 +148,11 @@ int repair(const Options& options)
         return cli::Failed;
     }
     int worst = cli::Fine;
+    const bool taken = !options.output.empty() && !options.overwrite && tools::is_taken(options.output, why);
     for (const std::string& path : options.files) {
-        const bool done = options.output.empty() ? tools::repair_avi(path, hints, why)
-                                                 : tools::repair_avi_into(path, options.output, hints, why);
+        const bool done =
+            !taken && (options.output.empty() ? tools::repair_avi(path, hints, why)
+                                              : tools::repair_avi_into(path, options.output, hints, why));
         if (!done) {
             fprintf(stderr, "avicheck: %s: not repaired: %s\n", path.c_str(), why.c_str());
             worst = cli::Failed;
@@ -166,8 +169,10 @@ void add_repair_options(CLI::App& app, Options& options, CLI::Option* flag)
 {
     tools::AviHints& given = options.given;
     const auto range = [](uint32_t from, uint32_t to) { return CLI::Range(from, to); };
-    app.add_option("-o,--output", options.output, "leave FILE as it is and write a repaired copy")
-        ->needs(flag);
+    auto* output =
+        app.add_option("-o,--output", options.output, "leave FILE as it is and write a repaired copy")
+            ->needs(flag);
+    app.add_flag("--overwrite", options.overwrite, "the copy may replace a file")->needs(output);
     auto* from =
         app.add_option("--from", options.from, "SDV recording that the file was made of")->needs(flag);
     app.add_option("--like", options.like, "sound AVI file of the same camera")->needs(flag)->excludes(from);

@@ -40,7 +40,7 @@ struct Options
     uint16_t mode = 21, rate = 25, width = 0, height = 0;
     size_t drop = 0, garbage = 0;
     uint64_t truncate = 0, seed = 1;
-    bool json = false;
+    bool json = false, overwrite = false;
 };
 
 // Everything that goes into a recording, read and tested.
@@ -83,7 +83,7 @@ struct Failure
 
 [[noreturn]] void fail_output(const std::string& path)
 {
-    throw Failure{cli::Failed, "cannot write " + path + ": " + strerror(errno)};
+    throw Failure{cli::NoOutput, "cannot write " + path + ": " + strerror(errno)};
 }
 
 void warn(const std::string& text)
@@ -110,6 +110,7 @@ void add_options(CLI::App& app, Options& options)
     auto* avi =
         app.add_option("--from-avi", options.avi, "Instead: AVI file made of a recording")->excludes(video);
     app.add_option("-o,--output", options.output, "SDV recording to write")->required();
+    app.add_flag("--overwrite", options.overwrite, "Replace a recording that is there already");
     auto* file = app.add_option("--audio", options.audio, "Raw G.711 or AAC in ADTS frames");
     auto* code = app.add_option("--audio-code", options.audioCode, "Coding of the audio");
     cli::choose(code, {{"alaw", CODE_ALAW}, {"mulaw", CODE_MULAW}, {"aac", CODE_AAC}});
@@ -369,7 +370,7 @@ Made write_recording(const Options& options, Recording& recording, Damage& damag
     Made made;
     tools::TempOutput beside; // an older file is not touched until the new one is whole
     std::string why;
-    if (!tools::create_temp(beside, options.output, why)) throw Failure{cli::Failed, why};
+    if (!tools::create_temp(beside, options.output, why)) throw Failure{cli::NoOutput, why};
     tools::OutputFile output(beside.path);
     if (!output.file) fail_output(options.output);
 
@@ -399,7 +400,7 @@ Made write_recording(const Options& options, Recording& recording, Damage& damag
     if (!tools::rewrite_start(output, header)) fail_output(options.output);
     if (options.truncate && !tools::cut_output(output, made.bytes)) fail_output(options.output);
     if (!tools::finish_output(output)) fail_output(options.output);
-    if (!tools::commit_temp(beside, why)) throw Failure{cli::Failed, why};
+    if (!tools::commit_temp(beside, why, options.overwrite)) throw Failure{cli::NoOutput, why};
     return made;
 }
 
@@ -430,6 +431,9 @@ void make_recording(Options options, bool keyGiven)
     for (const std::string* input : {&options.video, &options.avi, &options.audio, &options.keyFile})
         if (tools::same_file(*input, options.output)) refuse("the output is also an input: " + *input);
 
+    std::string why;
+    if (!options.overwrite && tools::is_taken(options.output, why)) throw Failure{cli::NoOutput, why};
+
     Recording recording;
     recording.header.mode = options.mode;
     recording.header.frameRate = options.rate;
@@ -454,10 +458,11 @@ int run(int argc, char** argv)
     Options options;
     CLI::App app("Make an SDV recording from an H.264 byte stream or an AVI file", "sdvmake");
     add_options(app, options);
-    cli::complete(app, {"sdvmake clip.h264 -o clip.sdv\n"
-                        "sdvmake clip.h264 --audio tone.aac --audio-code aac -o clip.sdv\n"
-                        "sdvmake --from-avi clip.avi -o clip.sdv",
-                        {{cli::Failed, ""}}});
+    cli::complete(app,
+                  {"sdvmake clip.h264 -o clip.sdv\n"
+                   "sdvmake clip.h264 --audio tone.aac --audio-code aac -o clip.sdv\n"
+                   "sdvmake --from-avi clip.avi -o clip.sdv",
+                   {{cli::Failed, ""}, {cli::NoOutput, "the output cannot be written, or exists already"}}});
     if (const auto over = cli::parse(app, argc, argv)) return *over;
     try {
         make_recording(options, app.count("--key") + app.count("--key-file") > 0);

@@ -10,6 +10,7 @@
 #include "human.h"
 #include "key.h"
 #include "part_files.h"
+#include "publisher.h"
 #include "report_text.h"
 
 #include <algorithm>
@@ -61,7 +62,8 @@ struct Recorder
     Camera camera;
     cli::Told told;
     tools::AviFiles files;
-    int finished = 0;
+    tools::Publisher publisher;
+    int published = 0;
     bool posted = false;
     std::optional<cli::Exit> failed;
     cli::Exit whyNothing = cli::Failed; // when nothing was recorded
@@ -109,6 +111,22 @@ bool give_up(Recorder& recorder, cli::Exit code, const std::string& why)
     recorder.camera.whyLost = why;
     end(recorder);
     return false;
+}
+
+// ---- the files
+
+void tell_published(Recorder& recorder)
+{
+    for (const tools::Published& published : tools::take_published(recorder.publisher)) {
+        if (published.trouble.empty()) {
+            ++recorder.published;
+            cli::tell_finished(recorder.events, published);
+            continue;
+        }
+        note(recorder, published.trouble);
+        recorder.failed = cli::NoOutput;
+        if (!recorder.over) end(recorder);
+    }
 }
 
 // ---- the stream
@@ -343,6 +361,7 @@ void on_second(void* context)
     Recorder& recorder = *static_cast<Recorder*>(context);
     Camera& camera = recorder.camera;
     if (recorder.over) return;
+    tell_published(recorder);
     if (!camera.client) {
         if (recorder.caller && --recorder.untilCall <= 0) call(recorder);
         return;
@@ -416,7 +435,7 @@ int wait_for_end(Recorder& recorder, const sigset_t& signals)
 cli::Exit outcome(const Recorder& recorder, int number)
 {
     if (recorder.failed) return *recorder.failed;
-    return number == SIGUSR1 && recorder.finished == 0 ? recorder.whyNothing : cli::Fine;
+    return number == SIGUSR1 && recorder.published == 0 ? recorder.whyNothing : cli::Fine;
 }
 
 void fill(Recorder& recorder, const cli::RecordOptions& options)
@@ -426,8 +445,7 @@ void fill(Recorder& recorder, const cli::RecordOptions& options)
     recorder.files.maxSize = options.maxSize;
     recorder.files.maxTime = std::chrono::seconds(options.maxTime);
     recorder.files.finished = [&recorder](const tools::FinishedFile& file) {
-        ++recorder.finished;
-        cli::tell_finished(recorder.events, file);
+        tools::publish_later(recorder.publisher, file);
     };
 }
 
@@ -446,6 +464,7 @@ int run(const cli::RecordOptions& options)
     tools::DirectoryUse use;
     tools::use_directory(use, options.directory,
                          [&recorder](const tools::Recovered& file) { tell_recovered(recorder, file); });
+    tools::start_publishing(recorder.publisher);
     if (!os_startup(4, 1)) return fail(cli::Failed, "the event loop cannot be started");
 
     os_main_lock();
@@ -457,9 +476,11 @@ int run(const cli::RecordOptions& options)
     recorder.over = true;
     if (recorder.camera.client) let_go(recorder, "the recorder ends");
     os_cleanup();
+    tools::finish_publishing(recorder.publisher);
+    tell_published(recorder);
     if (!started) return fail(cli::Failed, why);
     const cli::Exit code = outcome(recorder, number);
-    cli::tell(recorder.events, "stopped", {{"files", recorder.finished}, {"exit_code", int(code)}}, "");
+    cli::tell(recorder.events, "stopped", {{"files", recorder.published}, {"exit_code", int(code)}}, "");
     return code;
 }
 

@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tools {
@@ -135,13 +134,7 @@ bool finish_file(AviFiles& files, std::string& why)
     why = part + ": could not be written whole, and may not play";
     if (trouble == 1) return false;
     if (trouble == 2) log_msg("frames were left out: no key frame came before the file was 4 GiB long");
-    if (!publish_name(files.name, why)) return false;
-    const std::string path = files.name.final_name();
-    struct stat status
-    {
-    };
-    stat(path.c_str(), &status);
-    files.finished({path, pictures_recorded(), uint64_t(status.st_size), conversion_report()});
+    files.finished({files.name, pictures_recorded(), conversion_report()});
     return true;
 }
 

@@ -16,11 +16,11 @@ namespace tools {
 // Of the format's 4 GiB: what is left is room to wait for a key frame.
 constexpr uint64_t LargestAvi = 4'000'000'000;
 
+// Whole, but still under its part name.
 struct FinishedFile
 {
-    std::string path;
+    RecordingName name;
     int pictures = 0;
-    uint64_t bytes = 0;
     SdvReport report{};
 };
 

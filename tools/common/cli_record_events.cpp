@@ -8,15 +8,15 @@
 
 namespace cli {
 
-void tell_finished(Events& events, const tools::FinishedFile& file)
+void tell_finished(Events& events, const tools::Published& published)
 {
     tell(events, "file",
-         {{"path", file.path},
-          {"pictures", file.pictures},
-          {"bytes", file.bytes},
-          {"report", report_json(file.report)}},
-         file.path + ": " + tools::counted(uint64_t(file.pictures), "picture") + ", " +
-             tools::human_bytes(file.bytes));
+         {{"path", published.path},
+          {"pictures", published.file.pictures},
+          {"bytes", published.bytes},
+          {"report", report_json(published.file.report)}},
+         published.path + ": " + tools::counted(uint64_t(published.file.pictures), "picture") + ", " +
+             tools::human_bytes(published.bytes));
 }
 
 void tell_recording(Events& events, Told& told, const std::string& peer, const std::string& partFile,

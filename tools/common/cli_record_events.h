@@ -1,15 +1,15 @@
 // How a recording goes, told while it goes on.
 #pragma once
 
-#include "avi_files.h"
 #include "cli_events.h"
+#include "publisher.h"
 
 #include <chrono>
 #include <string>
 
 namespace cli {
 
-void tell_finished(Events& events, const tools::FinishedFile& file);
+void tell_finished(Events& events, const tools::Published& published);
 
 // What was told of a stream last, for its rate since.
 struct Told

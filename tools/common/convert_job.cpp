@@ -248,8 +248,7 @@ void set_time(const Conversion& c, size_t place)
 
 bool refuse_existing(Conversion& c, const std::string& name)
 {
-    if (c.settings.overwrite || !exists(name)) return true;
-    return fail(c.result, cli::NoOutput, name + ": exists already (--overwrite replaces it)");
+    return c.settings.overwrite || !is_taken(name, c.why) || fail(c.result, cli::NoOutput, c.why);
 }
 
 // All or nothing; only what replaced an older file cannot be taken back.

@@ -58,6 +58,27 @@ bool rename_new(const std::string& from, const std::string& to)
     return false;
 }
 
+void sync_directory(const std::string& file)
+{
+    const size_t slash = file.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
+    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+}
+
+bool sync_file(const std::string& path)
+{
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool synced = fsync(fd) == 0;
+    const int reason = errno;
+    close(fd);
+    errno = reason;
+    return synced;
+}
+
 OutputFile::OutputFile(const std::string& name) : path(name), file(fopen(name.c_str(), "wb")) {}
 
 OutputFile::~OutputFile()

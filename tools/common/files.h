@@ -21,6 +21,12 @@ bool exists(const std::string& path);
 // Rename a file to a name that nobody has. False, and errno, EEXIST when somebody has it.
 bool rename_new(const std::string& from, const std::string& to);
 
+// Wait until the file is on the disk. False, and errno, when it cannot be brought there.
+bool sync_file(const std::string& path);
+
+// The same for the file's name; that it cannot be done is no reason to fail.
+void sync_directory(const std::string& file);
+
 // An output file. Unless finish_output() succeeded, it is closed and removed when the record goes; only a
 // regular file is ever removed. The calls give false, and errno, on failure.
 struct OutputFile

@@ -76,28 +76,6 @@ bool resolve(const std::string& name, std::string& target, std::string& why)
     return true;
 }
 
-// Removes the directory entry's risk of being lost with the power; that it cannot is no reason to fail.
-void sync_directory(const std::string& file)
-{
-    const size_t slash = file.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    fsync(fd);
-    close(fd);
-}
-
-bool sync_file(const std::string& path)
-{
-    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool synced = fsync(fd) == 0;
-    const int reason = errno;
-    close(fd);
-    errno = reason;
-    return synced;
-}
-
 void arm(TempOutput& output, const std::string& path)
 {
     output.path = path;
@@ -133,6 +111,11 @@ TempOutput::~TempOutput()
     unlink(path.c_str());
     disarm(*this);
     block_signals(false);
+}
+
+bool is_taken(const std::string& name, std::string& why)
+{
+    return exists(name) && !fail(why, name, "exists already (--overwrite replaces it)");
 }
 
 bool create_temp(TempOutput& output, const std::string& target, std::string& why)

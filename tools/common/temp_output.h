@@ -19,6 +19,10 @@ struct TempOutput
     TempOutput& operator=(const TempOutput&) = delete;
 };
 
+// Is there a file of this name, to be kept unless it is told otherwise? Its name and the way out are in
+// `why`.
+bool is_taken(const std::string& name, std::string& why);
+
 // Create an empty file beside `target`, with the rights that the umask leaves. From here on a signal to end
 // removes it and ends the process with 128 + its number. False, and the reason in `why`, also when `target`
 // is something that must not be replaced.
