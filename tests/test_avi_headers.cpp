@@ -63,10 +63,11 @@ TEST(AviHeaders, EveryByteOfEveryLayout)
 template <typename Record>
 static void expect_filled(int (*build)(Record*))
 {
-    Bytes zeros(sizeof(Record), 0), rubbish(sizeof(Record), 0xEE);
-    build(reinterpret_cast<Record*>(zeros.data()));
-    build(reinterpret_cast<Record*>(rubbish.data()));
-    EXPECT_TRUE(same_bytes(rubbish, zeros));
+    Record records[2];
+    memset(&records[0], 0, sizeof(Record));
+    memset(&records[1], 0xEE, sizeof(Record));
+    for (Record& record : records) build(&record);
+    EXPECT_EQ(memcmp(&records[0], &records[1], sizeof(Record)), 0);
 }
 
 TEST(AviHeaders, BuildersFillRecordsThatHoldRubbish)
