@@ -124,15 +124,13 @@ def one_at_a_time():
 def cut_short():
     """Inside a frame: by the camera, by a signal, by silence."""
     stream, _ = recording()
-    for what in "close", signal.SIGTERM, "silence":
-        with Run("--idle", "1", *["--once"] * isinstance(what, str), out=str(what)) as run, run.connect() as camera:
+    for what, *options in ("close", "--once"), ("signal",), ("silence", "--once", "--idle", "2"):
+        with Run(*options, out=what) as run, run.connect() as camera:
             camera.sendall(stream[: len(stream) // 2])
             part = run.out / f"{START}.avi.part"
-            run.until("a part file", lambda: run.names() == [part.name] and part.stat().st_size > 50_000)
-            if what == "close":
-                camera.close()
-            elif what != "silence":
-                run.send_signal(what)
+            if what != "silence":
+                run.until("a part file", lambda: run.names() == [part.name] and part.stat().st_size > 50_000)
+                camera.close() if what == "close" else run.send_signal(signal.SIGTERM)
             run.end(0, [part.stem])
             assert 30 < run.pictures() < 70, f"{what}: {run.pictures()} pictures"
 
@@ -183,7 +181,9 @@ def next_file():
             camera.sendall(stream[len(stream) // 2 :])
             camera.shutdown(socket.SHUT_WR)
             run.end(0)
-            expect(f"{what}: {run.names()}", (len(run.names()), run.pictures()), (files, 100))
+            expect(f"pictures, {what}", run.pictures(), 100)
+            made = len(run.names())  # a busy machine may take seconds for the rest, too
+            assert made == files or what == "time" and made > files, f"{what}: {run.names()}"
             assert all(file.st_blocks * 512 < file.st_size + 65536 for file in map(os.stat, run.out.iterdir())), what
 
 

@@ -49,11 +49,13 @@ TEST(Conversion, OutcomesByPath)
         {pipe, out, noHeader},
         {"/dev/zero", out, noHeader},
         {in, dir / "none/o", noOutput},
+        {in, "/sys/out", noOutput}, // a directory that root cannot write to either
         {in, folder, noOutput},
         {in, pipe, noOutput},
         {in, dir / "full", noOutput},
         {in, in, refused},
         {soft, in, refused},
+        {in, soft, refused},
         {in, dir / "hard", refused},
         {soft, out, done},
         {in, dir / "away", done},

@@ -99,6 +99,7 @@ TEST(DecryptFrame, ResultsAndTouchedBytes)
         EXPECT_EQ(frame, sound);
         for (const int size : {31, -1})
             EXPECT_EQ(CA_DecryptFrame(frame.data(), size, 0), mode == 21 ? -1 : -3);
+        EXPECT_EQ(CA_DecryptFrame(nullptr, 100, 0), mode == 21 ? -1 : -3);
     }
     SetDecryptKey(nullptr, 0);
 }

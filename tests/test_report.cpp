@@ -58,11 +58,13 @@ TEST(Report, WhatIsKeptAndWhatIsNot)
         EXPECT_EQ(report(), file);
 
         Recording open;
-        EXPECT_EQ(report(), Counts{});
         push_in_pieces(frames, 41);
         EXPECT_EQ(StopRecordEx(0), 0);
         push_in_pieces(secret, 16); // nothing is open: not part of the recording
+        EXPECT_EQ(StartRecord(0, (dir / "none/a.avi").c_str(), 1), -9); // opens no file
         EXPECT_EQ(report(), stream);
+        EXPECT_EQ(StartRecord(0, open.path.c_str(), 1), 0);
+        EXPECT_EQ(report(), Counts{});
     }
     SetDecryptKey(nullptr, 0);
     Job job;
@@ -74,7 +76,7 @@ TEST(Report, WritesOnlyTheRecordOfThisVersion)
     SdvReport reports[2]; // the second one stands for what a later version adds
     memset(reports, 0x55, sizeof(reports));
     EXPECT_EQ(GetConversionReport(reports), 0);
-    EXPECT_EQ(reports[0].reserved, 0x55555555u);
+    EXPECT_EQ(std::pair(reports[0].cbSize, reports[0].reserved), std::pair(0x55555555u, 0x55555555u));
     EXPECT_EQ(reports[1].cbSize, 0x55555555u);
     reports[1].cbSize = sizeof(SdvReport) - 1;
     EXPECT_EQ(GetConversionReport(&reports[1]), -1);
