@@ -476,8 +476,8 @@ int run(const cli::RecordOptions& options)
     recorder.over = true;
     if (recorder.camera.client) let_go(recorder, "the recorder ends");
     os_cleanup();
-    tools::finish_publishing(recorder.publisher);
-    tell_published(recorder);
+    recorder.events.patience = 5000; // that many files may come at once
+    while (tools::await_published(recorder.publisher)) tell_published(recorder);
     if (!started) return fail(cli::Failed, why);
     const cli::Exit code = outcome(recorder, number);
     cli::tell(recorder.events, "stopped", {{"files", recorder.published}, {"exit_code", int(code)}}, "");

@@ -21,10 +21,12 @@ std::string utc_now()
 }
 
 // A pipe that says so takes more than any line of ours.
-bool takes_output(const Events& events)
+bool takes_output(Events& events)
 {
     pollfd waiting = {fileno(events.out), POLLOUT, 0};
-    return poll(&waiting, 1, 0) == 1;
+    const bool takes = poll(&waiting, 1, events.patience) == 1;
+    if (!takes) events.patience = 0;
+    return takes;
 }
 
 void write_json(Events& events, const std::string& event, const Details& details)
