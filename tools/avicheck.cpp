@@ -151,8 +151,9 @@ int repair(const Options& options)
     const bool taken = !options.output.empty() && !options.overwrite && tools::is_taken(options.output, why);
     for (const std::string& path : options.files) {
         const bool done =
-            !taken && (options.output.empty() ? tools::repair_avi(path, hints, why)
-                                              : tools::repair_avi_into(path, options.output, hints, why));
+            !taken && (options.output.empty()
+                           ? tools::repair_avi(path, hints, why)
+                           : tools::repair_avi_into(path, options.output, hints, why, options.overwrite));
         if (!done) {
             fprintf(stderr, "avicheck: %s: not repaired: %s\n", path.c_str(), why.c_str());
             worst = cli::Failed;
