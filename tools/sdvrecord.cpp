@@ -76,14 +76,14 @@ TSdv2Avi& job = g_tSdv2Avi;
 
 int fail(cli::Exit code, const std::string& why)
 {
-    fprintf(stderr, "sdvrecord: %s\n", why.c_str());
+    fprintf(stderr, "sdvrecord: %s\n", tools::printable(why).c_str());
     return code;
 }
 
 void note(Recorder& recorder, const std::string& text)
 {
     cli::wipe_status(recorder.events);
-    log_msg("sdvrecord: %s", text.c_str());
+    log_msg("sdvrecord: %s", tools::printable(text).c_str());
 }
 
 void tell_recovered(Recorder& recorder, const tools::Recovered& file)

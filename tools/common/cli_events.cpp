@@ -1,5 +1,6 @@
 #include "cli_events.h"
 #include "cli.h"
+#include "human.h"
 
 #include <ctime>
 #include <utility>
@@ -59,7 +60,7 @@ void tell(Events& events, const std::string& event, const Details& details, cons
     if (events.json)
         write_json(events, event, details);
     else
-        fprintf(events.out, "%s\n", text.c_str());
+        fprintf(events.out, "%s\n", tools::printable(text).c_str());
     fflush(events.out);
 }
 
