@@ -181,12 +181,13 @@ def avicheck():
     run(SDV2AVI, "plain.sdv", "-o", "sound.avi")
     sound = Path("sound.avi").read_bytes()
     Path("long.avi").write_bytes(sound + b"x")
+    Path("\x1b.avi").write_bytes(sound)
     Path("cut.avi").write_bytes(bytes(328) + sound[328:90000])
-    for code, *files in (0, "sound.avi"), (7, "long.avi"), (7, "cut.avi", "sound.avi"), \
+    for code, *files in (0, "sound.avi"), (0, "\x1b.avi"), (7, "long.avi"), (7, "cut.avi", "sound.avi"), \
                         (3, "plain.sdv", "none.avi"), (1, "none.avi"):
         for option in [], ["-q"], ["--json"]:
             done = run(AVICHECK, *option, *files, code=code)
-            assert not done.stderr and bool(done.stdout) == (option != ["-q"]), done
+            assert not done.stderr and bool(done.stdout) == (option != ["-q"]) and "\x1b" not in done.stdout, done
         told = json.loads(done.stdout)
         expect("files", [one["path"] for one in told if one["sound"] == (not one["findings"])], files)
         assert code or told[0]["streams"][1]["coding"] == "mulaw", told

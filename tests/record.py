@@ -187,6 +187,16 @@ def next_file():
             assert all(file.st_blocks * 512 < file.st_size + 65536 for file in map(os.stat, run.out.iterdir())), what
 
 
+def every_event():
+    """Hundreds of files that get their names at the end are told to a reader who goes on reading, and so is the end."""
+    stream, _ = recording(sound=None)
+    with Run("--json", "--once", "--max-size", "1") as run:
+        run.send(stream + 99 * stream[88:])
+        events = [json.loads(line)["event"] for line in run.stdout]
+        expect("events", (events.count("file"), events[-1]), (400, "stopped"))
+        run.end(0)
+
+
 def killed():
     """What a killed run left is finished by the next one; the files of a run that lives are its own."""
     for sound in TONE, None:
@@ -246,5 +256,5 @@ def unit():
 
 
 if __name__ == "__main__":
-    go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file, killed,
-                                                     full_disk, nothing, unit))
+    go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file, every_event,
+                                                     killed, full_disk, nothing, unit))

@@ -85,8 +85,9 @@ bool is_foreign(const avi::Report& report)
     return wrong(16) && wrong(92);
 }
 
-void print_text(const std::string& path, const avi::Report& report)
+void print_text(const std::string& file, const avi::Report& report)
 {
+    const std::string path = tools::printable(file);
     if (report.kind != avi::Kind::avi)
         return (void)printf("%s: %s\n", path.c_str(), report.findings[0].what.c_str());
     for (const avi::Finding& finding : report.findings)
@@ -144,20 +145,22 @@ int repair(const Options& options)
     tools::AviHints hints;
     std::string why;
     if (!gather_hints(options, hints, why)) {
-        fprintf(stderr, "avicheck: %s\n", why.c_str());
+        fprintf(stderr, "avicheck: %s\n", tools::printable(why).c_str());
         return cli::Failed;
     }
     int worst = cli::Fine;
     const bool taken = !options.output.empty() && !options.overwrite && tools::is_taken(options.output, why);
     for (const std::string& path : options.files) {
+        const std::string name = tools::printable(path);
         const bool done =
-            !taken && (options.output.empty() ? tools::repair_avi(path, hints, why)
-                                              : tools::repair_avi_into(path, options.output, hints, why));
+            !taken && (options.output.empty()
+                           ? tools::repair_avi(path, hints, why)
+                           : tools::repair_avi_into(path, options.output, hints, why, options.overwrite));
         if (!done) {
-            fprintf(stderr, "avicheck: %s: not repaired: %s\n", path.c_str(), why.c_str());
+            fprintf(stderr, "avicheck: %s: not repaired: %s\n", name.c_str(), tools::printable(why).c_str());
             worst = cli::Failed;
         } else if (!options.quiet) {
-            printf("%s: %s\n", path.c_str(), why.c_str());
+            printf("%s: %s\n", name.c_str(), why.c_str());
         }
     }
     return worst;
@@ -221,7 +224,9 @@ try {
     tools::fill_standard_descriptors();
     signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a write that fails
     const int code = options.repair ? repair(options) : check(options);
-    return fflush(stdout) == 0 ? code : std::max<int>(code, cli::Failed);
+    if (fflush(stdout) == 0) return code;
+    fprintf(stderr, "avicheck: standard output cannot be written\n");
+    return std::max<int>(code, cli::Failed);
 } catch (const std::exception& error) {
     return cli::give_up("avicheck", error);
 }

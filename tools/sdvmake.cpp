@@ -14,6 +14,7 @@
 #include "cli.h"
 #include "files.h"
 #include "from_avi.h"
+#include "human.h"
 #include "key.h"
 #include "recording_name.h"
 #include "sdv_build.h"
@@ -468,7 +469,7 @@ int run(int argc, char** argv)
         make_recording(options, app.count("--key") + app.count("--key-file") > 0);
         return 0;
     } catch (const Failure& failure) {
-        fprintf(stderr, "sdvmake: %s\n", failure.why.c_str());
+        fprintf(stderr, "sdvmake: %s\n", tools::printable(failure.why).c_str());
         return failure.exitCode;
     }
 }

@@ -76,14 +76,14 @@ TSdv2Avi& job = g_tSdv2Avi;
 
 int fail(cli::Exit code, const std::string& why)
 {
-    fprintf(stderr, "sdvrecord: %s\n", why.c_str());
+    fprintf(stderr, "sdvrecord: %s\n", tools::printable(why).c_str());
     return code;
 }
 
 void note(Recorder& recorder, const std::string& text)
 {
     cli::wipe_status(recorder.events);
-    log_msg("sdvrecord: %s", text.c_str());
+    log_msg("sdvrecord: %s", tools::printable(text).c_str());
 }
 
 void tell_recovered(Recorder& recorder, const tools::Recovered& file)
@@ -476,8 +476,8 @@ int run(const cli::RecordOptions& options)
     recorder.over = true;
     if (recorder.camera.client) let_go(recorder, "the recorder ends");
     os_cleanup();
-    tools::finish_publishing(recorder.publisher);
-    tell_published(recorder);
+    recorder.events.patience = 5000; // that many files may come at once
+    while (tools::await_published(recorder.publisher)) tell_published(recorder);
     if (!started) return fail(cli::Failed, why);
     const cli::Exit code = outcome(recorder, number);
     cli::tell(recorder.events, "stopped", {{"files", recorder.published}, {"exit_code", int(code)}}, "");

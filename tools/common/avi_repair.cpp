@@ -181,7 +181,7 @@ bool copy_chunks(const avi::File& file, uint64_t from, uint64_t to, OutputFile& 
 }
 
 bool write_copy(const avi::File& file, const std::string& target, const Ending& ending, uint64_t begin,
-                uint64_t end, std::string& why)
+                uint64_t end, std::string& why, bool replace = true)
 {
     TempOutput beside;
     if (!create_temp(beside, target, why)) return false;
@@ -190,7 +190,7 @@ bool write_copy(const avi::File& file, const std::string& target, const Ending& 
                          copy_chunks(file, begin, end, output) && write_output(output, ending.index) &&
                          finish_output(output);
     if (!written) return fail(why, "cannot write " + target + ": " + strerror(errno));
-    return commit_temp(beside, why);
+    return commit_temp(beside, why, replace);
 }
 
 // A recorder, or another repair, at work on it holds a lock, as we do as long as the file is open.
@@ -199,10 +199,11 @@ bool is_being_written(const avi::File& file)
     return file.fd >= 0 && flock(file.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
-bool write_repaired(const avi::File& file, const std::string& target, const Ending& ending, std::string& why)
+bool write_repaired(const avi::File& file, const std::string& target, const Ending& ending, std::string& why,
+                    bool replace = true)
 {
     const AviChunks& chunks = ending.chunks;
-    return write_copy(file, target, ending, chunks.area + MoviHeader, chunks.end, why);
+    return write_copy(file, target, ending, chunks.area + MoviHeader, chunks.end, why, replace);
 }
 
 } // namespace
@@ -226,16 +227,16 @@ bool repair_avi(const std::string& path, const AviHints& hints, std::string& why
 }
 
 bool repair_avi_into(const std::string& path, const std::string& output, const AviHints& hints,
-                     std::string& why)
+                     std::string& why, bool replace)
 {
     Ending ending;
     const avi::File file(path);
     std::string trouble;
     why = "sound already, copied";
     if (avi::check_file(path).sound())
-        return write_copy(file, output, ending, 0, file.length, trouble) || fail(why, trouble);
+        return write_copy(file, output, ending, 0, file.length, trouble, replace) || fail(why, trouble);
     if (!plan_ending(path, file, hints, ending, why)) return false;
-    return write_repaired(file, output, ending, trouble) || fail(why, trouble);
+    return write_repaired(file, output, ending, trouble, replace) || fail(why, trouble);
 }
 
 } // namespace tools

@@ -13,8 +13,9 @@ namespace tools {
 // converts. May handle the signals to end meanwhile, see temp_output.h.
 bool repair_avi(const std::string& path, const AviHints& hints, std::string& why);
 
-// The same into a file beside; the first one stays as it is. One that is sound is copied.
+// The same into a file beside; the first one stays as it is. One that is sound is copied. Unless it may
+// `replace` one, a file that is there already, or comes there meanwhile, stands in its way.
 bool repair_avi_into(const std::string& path, const std::string& output, const AviHints& hints,
-                     std::string& why);
+                     std::string& why, bool replace = true);
 
 } // namespace tools

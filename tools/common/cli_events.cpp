@@ -1,5 +1,6 @@
 #include "cli_events.h"
 #include "cli.h"
+#include "human.h"
 
 #include <ctime>
 #include <utility>
@@ -21,10 +22,12 @@ std::string utc_now()
 }
 
 // A pipe that says so takes more than any line of ours.
-bool takes_output(const Events& events)
+bool takes_output(Events& events)
 {
     pollfd waiting = {fileno(events.out), POLLOUT, 0};
-    return poll(&waiting, 1, 0) == 1;
+    const bool takes = poll(&waiting, 1, events.patience) == 1;
+    if (!takes) events.patience = 0;
+    return takes;
 }
 
 void write_json(Events& events, const std::string& event, const Details& details)
@@ -57,7 +60,7 @@ void tell(Events& events, const std::string& event, const Details& details, cons
     if (events.json)
         write_json(events, event, details);
     else
-        fprintf(events.out, "%s\n", text.c_str());
+        fprintf(events.out, "%s\n", tools::printable(text).c_str());
     fflush(events.out);
 }
 

@@ -17,13 +17,15 @@ struct Events
     bool redraws = false;     // on a terminal, the status line stays in its place
     bool statusShown = false; // and is there now
     int missed = 0;           // events that were not told
+    int patience = 0;         // milliseconds to wait for a reader who has not kept up
 };
 
 // Tell to this descriptor, which is then the record's until the program ends.
 void open_events(Events& events, int fd, bool json);
 
 // Something happened. An empty text is for programs only. A reader who has stopped reading must not stop the
-// work: what the output does not take at once is left out, and the next object tells how many were.
+// work: what the output does not take at once is left out, and the next object tells how many were. Once the
+// work is done, there is time to be patient, until the reader has made us wait in vain.
 void tell(Events& events, const std::string& event, const Details& details, const std::string& text);
 
 // How things stand, told again and again.

@@ -1,9 +1,12 @@
 #include "part_files.h"
 #include "avi_repair.h"
 #include "disk_room.h"
+#include "files.h"
 #include "recording_name.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <string_view>
 #include <vector>
@@ -40,11 +43,13 @@ Recovered recover(const std::string& part)
     release_room(part);
     RecordingName name{part.substr(0, part.size() - Suffix.size()), 1};
     std::string why;
-    recovered.finished = publish_name(name, why);
-    if (recovered.finished)
-        recovered.path = name.final_name();
-    else
+    // A file that was finished before the kill need not have come to the disk yet.
+    if (!sync_file(part))
+        recovered.what = strerror(errno);
+    else if (!publish_name(name, why))
         recovered.what = why;
+    else
+        recovered.finished = true, recovered.path = name.final_name();
     return recovered;
 }
 

@@ -11,7 +11,7 @@
 namespace tools {
 namespace {
 
-Published publish(const FinishedFile& file)
+Published publish(const FinishedFile& file, bool& noRoom)
 {
     Published published{file, "", 0, ""};
     RecordingName name = file.name;
@@ -19,10 +19,12 @@ Published publish(const FinishedFile& file)
         published.trouble = name.part_name() + ": " + strerror(errno);
         return published;
     }
-    if (!publish_name(name, published.trouble)) return published;
+    if (!publish_name(name, published.trouble)) {
+        noRoom = errno == ENOSPC;
+        return published;
+    }
     published.trouble.clear();
     published.path = name.final_name();
-    sync_directory(published.path);
     struct stat status
     {
     };
@@ -31,26 +33,47 @@ Published publish(const FinishedFile& file)
     return published;
 }
 
+// A new name may need one more block of the directory, while the file that grows holds the last ones. Those
+// that it does not need are there again when it is finished.
+void settle(Publisher& publisher, const Published& published, bool noRoom)
+{
+    if (noRoom && !publisher.over)
+        publisher.noRoom.push_back(published.file);
+    else
+        publisher.done.push_back(published);
+    publisher.changed.notify_all();
+}
+
 void work(Publisher& publisher)
 {
     std::unique_lock lock(publisher.mutex);
     for (;;) {
         publisher.changed.wait(lock, [&publisher] { return publisher.over || !publisher.waiting.empty(); });
-        if (publisher.waiting.empty()) return;
+        if (publisher.waiting.empty()) publisher.waiting.swap(publisher.noRoom);
+        if (publisher.waiting.empty()) break;
         const FinishedFile file = publisher.waiting.front();
         publisher.waiting.pop_front();
         lock.unlock();
-        const Published published = publish(file);
+        bool noRoom = false;
+        const Published published = publish(file, noRoom);
         lock.lock();
-        publisher.done.push_back(published);
+        settle(publisher, published, noRoom);
     }
+    publisher.ended = true;
+    publisher.changed.notify_all();
 }
 
 } // namespace
 
 Publisher::~Publisher()
 {
-    finish_publishing(*this);
+    if (!thread.joinable()) return;
+    {
+        const std::lock_guard lock(mutex);
+        over = true;
+        changed.notify_all();
+    }
+    thread.join();
 }
 
 void start_publishing(Publisher& publisher)
@@ -62,7 +85,7 @@ void publish_later(Publisher& publisher, const FinishedFile& file)
 {
     const std::lock_guard lock(publisher.mutex);
     publisher.waiting.push_back(file);
-    publisher.changed.notify_one();
+    publisher.changed.notify_all();
 }
 
 std::vector<Published> take_published(Publisher& publisher)
@@ -71,14 +94,13 @@ std::vector<Published> take_published(Publisher& publisher)
     return std::exchange(publisher.done, {});
 }
 
-void finish_publishing(Publisher& publisher)
+bool await_published(Publisher& publisher)
 {
-    {
-        const std::lock_guard lock(publisher.mutex);
-        publisher.over = true;
-        publisher.changed.notify_one();
-    }
-    if (publisher.thread.joinable()) publisher.thread.join();
+    std::unique_lock lock(publisher.mutex);
+    publisher.over = true;
+    publisher.changed.notify_all();
+    publisher.changed.wait(lock, [&publisher] { return publisher.ended || !publisher.done.empty(); });
+    return !publisher.done.empty();
 }
 
 } // namespace tools

@@ -27,12 +27,14 @@ struct Publisher
     std::mutex mutex; // of all below
     std::condition_variable changed;
     std::deque<FinishedFile> waiting;
+    std::deque<FinishedFile> noRoom; // in the directory, for their names
     std::vector<Published> done;
-    bool over = false;
+    bool over = false;  // no file comes any more
+    bool ended = false; // and all were done
     std::thread thread;
 
     Publisher() = default;
-    ~Publisher(); // see finish_publishing()
+    ~Publisher(); // waits until all are done
     Publisher(const Publisher&) = delete;
     Publisher& operator=(const Publisher&) = delete;
 };
@@ -43,7 +45,7 @@ void publish_later(Publisher& publisher, const FinishedFile& file);
 // Those that were done since the last call, in their order.
 std::vector<Published> take_published(Publisher& publisher);
 
-// Wait until nothing is left to be done. No file comes any more.
-void finish_publishing(Publisher& publisher);
+// No file comes any more: wait until some are done. False when none is left.
+bool await_published(Publisher& publisher);
 
 } // namespace tools

@@ -89,10 +89,15 @@ bool publish_name(RecordingName& name, std::string& why)
 {
     const std::string part = name.part_name();
     for (; name.number < MaxNumber; ++name.number) {
-        if (rename_new(part, name.final_name())) return true;
+        if (rename_new(part, name.final_name())) {
+            sync_directory(name.final_name());
+            return true;
+        }
         if (errno != EEXIST) break;
     }
-    why = part + ": " + strerror(errno);
+    const int reason = errno;
+    why = part + ": " + strerror(reason);
+    errno = reason;
     return false;
 }
 

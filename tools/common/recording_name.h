@@ -32,7 +32,8 @@ struct RecordingName
 // Take a name that nobody has: its part file is made, empty. False, and the reason in `why`.
 bool take_name(RecordingName& name, const std::string& directory, time_t start, std::string& why);
 
-// Give the part file its final name, or the next number's when somebody has taken that meanwhile.
+// Give the part file, which is on the disk, its final name, or the next number's when somebody has taken that
+// meanwhile. False, errno, and the reason in `why`.
 bool publish_name(RecordingName& name, std::string& why);
 
 } // namespace tools
