@@ -55,6 +55,10 @@ TEST(Cipher, CounterModeUsesOneBlock)
             EXPECT_EQ(video_AES_CTR(data.data(), length, counter, key.data(), int(bytes.size())), 0);
             EXPECT_EQ(data, want);
         }
+        const bool fits = bytes.size() <= 16;
+        Bytes made(18, 0xEE);
+        EXPECT_EQ(expand_key(key.data(), int(bytes.size()), made.data()), fits ? 0 : -1);
+        EXPECT_EQ(made, fits ? bytes + Bytes(16 - bytes.size(), 0xFF) + hex("00ee") : Bytes(18, 0xEE));
     }
 }
 

@@ -29,9 +29,8 @@ TEST(TcpClient, ConnectsInOrderAndTalks)
         EXPECT_EQ(os_tcp_client_destroy(client), 1);
         EXPECT_EQ(watched.times('D'), 1);
 
-        client = os_tcp_client_create();
-        EXPECT_EQ(os_tcp_client_open(client, plain_connect(port_of(listener))),
-                  1); // a socket that would block
+        client = os_tcp_client_create(); // for a socket that would block
+        EXPECT_EQ(os_tcp_client_open(client, plain_connect(port_of(listener))), 1);
         EXPECT_EQ(os_tcp_client_get_remote(client, ip, &port), 1);
         EXPECT_EQ(ip + std::to_string(port), "127.0.0.1" + std::to_string(port_of(listener)));
         EXPECT_EQ(os_tcp_client_read(client, data, 3), 0);
