@@ -256,5 +256,5 @@ def unit():
 
 
 if __name__ == "__main__":
-    go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file, every_event,
-                                                     killed, full_disk, nothing, unit))
+    go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file,
+                                                     every_event, killed, full_disk, nothing, unit))

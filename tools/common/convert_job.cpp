@@ -15,6 +15,7 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -251,13 +252,6 @@ bool refuse_existing(Conversion& c, const std::string& name)
     return c.settings.overwrite || !is_taken(name, c.why) || fail(c.result, cli::NoOutput, c.why);
 }
 
-// All or nothing; only what replaced an older file cannot be taken back.
-bool withdraw(Conversion& c, size_t published)
-{
-    for (size_t i = 0; i < published && !c.settings.overwrite; ++i) unlink(c.parts.files[i].target.c_str());
-    return fail(c.result, cli::NoOutput, c.why);
-}
-
 bool publish(Conversion& c)
 {
     auto& files = c.parts.files;
@@ -265,6 +259,7 @@ bool publish(Conversion& c)
     if (files.size() > 1 && !is_split(c))
         c.result.notes.push_back("larger than one AVI file can be: converted into " +
                                  counted(files.size(), "part"));
+    std::vector<TempOutput*> all;
     for (size_t i = 0; i < files.size(); ++i) {
         if (numbered) files[i].target = part_name(files[i].target, i + 1);
         struct stat status
@@ -272,9 +267,10 @@ bool publish(Conversion& c)
         };
         if (stat(files[i].path.c_str(), &status) == 0) c.result.bytes += uint64_t(status.st_size);
         set_time(c, i);
-        if (!commit_temp(files[i], c.why, c.settings.overwrite)) return withdraw(c, i);
-        c.result.outputs.push_back(numbered ? files[i].target : c.job.output);
+        all.push_back(&files[i]);
     }
+    if (!commit_temps(all, c.why, c.settings.overwrite)) return fail(c.result, cli::NoOutput, c.why);
+    for (const TempOutput& file : files) c.result.outputs.push_back(numbered ? file.target : c.job.output);
     const std::string next = part_name(c.job.output, files.size() + 1);
     if (numbered && exists(next)) c.result.notes.push_back(next + " is an older file, no part of this");
     return true;

@@ -44,12 +44,15 @@ Recovered recover(const std::string& part)
     RecordingName name{part.substr(0, part.size() - Suffix.size()), 1};
     std::string why;
     // A file that was finished before the kill need not have come to the disk yet.
-    if (!sync_file(part))
+    if (!sync_file(part)) {
         recovered.what = strerror(errno);
-    else if (!publish_name(name, why))
-        recovered.what = why;
+        return recovered;
+    }
+    recovered.finished = publish_name(name, why);
+    if (recovered.finished)
+        recovered.path = name.final_name();
     else
-        recovered.finished = true, recovered.path = name.final_name();
+        recovered.what = why;
     return recovered;
 }
 

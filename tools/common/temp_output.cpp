@@ -102,6 +102,22 @@ std::string temp_name(const std::string& target, unsigned number)
     return target.substr(0, name + std::min(target.size() - name, NAME_MAX - length)) + suffix;
 }
 
+// All or none; only what replaced an older file cannot be taken back.
+bool put_in_place(std::span<TempOutput* const> outputs, std::string& why, bool replace)
+{
+    for (size_t i = 0; i < outputs.size(); ++i) {
+        const TempOutput& output = *outputs[i];
+        if (replace ? rename(output.path.c_str(), output.target.c_str()) == 0
+                    : rename_new(output.path, output.target))
+            continue;
+        fail(why, output.target, strerror(errno));
+        for (size_t before = 0; before < i && !replace; ++before) unlink(outputs[before]->target.c_str());
+        return false;
+    }
+    for (TempOutput* output : outputs) disarm(*output);
+    return true;
+}
+
 } // namespace
 
 TempOutput::~TempOutput()
@@ -140,16 +156,19 @@ bool create_temp(TempOutput& output, const std::string& target, std::string& why
 
 bool commit_temp(TempOutput& output, std::string& why, bool replace)
 {
-    if (!sync_file(output.path)) return fail(why, output.path, strerror(errno));
+    TempOutput* const one[] = {&output};
+    return commit_temps(one, why, replace);
+}
+
+bool commit_temps(std::span<TempOutput* const> outputs, std::string& why, bool replace)
+{
+    for (const TempOutput* output : outputs)
+        if (!sync_file(output->path)) return fail(why, output->path, strerror(errno));
     block_signals(true);
-    const bool renamed = replace ? rename(output.path.c_str(), output.target.c_str()) == 0
-                                 : rename_new(output.path, output.target);
-    const int reason = errno;
-    if (renamed) disarm(output);
+    const bool done = put_in_place(outputs, why, replace);
     block_signals(false);
-    if (!renamed) return fail(why, output.target, strerror(reason));
-    sync_directory(output.target);
-    return true;
+    if (done && !outputs.empty()) sync_directory(outputs.front()->target);
+    return done;
 }
 
 } // namespace tools

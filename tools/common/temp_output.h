@@ -2,6 +2,7 @@
 // temporary name, which goes away with the record, and on SIGINT, SIGTERM and SIGHUP.
 #pragma once
 
+#include <span>
 #include <string>
 
 namespace tools {
@@ -31,5 +32,8 @@ bool create_temp(TempOutput& output, const std::string& target, std::string& why
 // Put the file in its place, on the disk first. Unless it may `replace` one, somebody else's file that has
 // come there meanwhile stands in its way. False, and the reason in `why`; an older file is then unharmed.
 bool commit_temp(TempOutput& output, std::string& why, bool replace = true);
+
+// The same for several in one directory: a signal finds all of them in their places, or none.
+bool commit_temps(std::span<TempOutput* const> outputs, std::string& why, bool replace = true);
 
 } // namespace tools
