@@ -39,6 +39,7 @@ FAILURES = [
     ("first part is there", 6, ["plain.sdv", "-o", "old.avi", "--split", "40K"], "old-001.avi: exists already"),
     ("third part is there", 6, ["plain.sdv", "-o", "part.avi", "--split", "40K"], "part-003.avi: File exists"),
     ("same file by another name", 2, ["plain.sdv", "-o", "link.avi", "--overwrite"], "same file"),
+    ("the key file", 2, ["secret.sdv", "-o", "key.txt", "--key-file", "key.txt", "--overwrite"], "the key file"),
     ("one name for two", 2, ["plain.sdv", "tree/in/plain.sdv", "-o", "dir"], "would both become dir/plain.avi"),
     ("one input by two names", 2, ["plain.sdv", "./plain.sdv"], "would both become"),
     ("standard output", 2, ["plain.sdv", "-o", "-"], "cannot go to standard output"),
@@ -76,7 +77,7 @@ def prepare():
         Path(path).mkdir(parents=True)
     for path, data in {"one.sdv": plain[: 88 + int.from_bytes(plain[92:96], "little")], "headers.sdv": plain[:88],
                        "torn.sdv": plain[:200], "garbage.sdv": b"\x55" * 4096, "out.avi": OLD,
-                       "old-001.avi": OLD, "part-003.avi": OLD, DEEP + "/in.sdv": plain,
+                       "key.txt": KEY.encode(), "old-001.avi": OLD, "part-003.avi": OLD, DEEP + "/in.sdv": plain,
                        "tree/in/plain.sdv": plain, "tree/top.SDV": plain,
                        "tree/in/secret.sdv": Path("secret.sdv").read_bytes()}.items():
         Path(path).write_bytes(data)
@@ -193,6 +194,7 @@ def avicheck():
         assert code or told[0]["streams"][1]["coding"] == "mulaw", told
     for code, file, said, *audio in (1, "cut.avi", ""), (0, "cut.avi", "", "--audio", "mulaw", "-o", "mended.avi"), \
                                     (1, "cut.avi", "", "--audio", "none", "-o", "mended.avi"), \
+                                    (2, "cut.avi", "", "--from", "plain.sdv", "-o", "plain.sdv", "--overwrite"), \
                                     (0, "cut.avi", "finished: 55 pictures", "--audio", "mulaw"), \
                                     (0, "cut.avi", "sound already"), (1, "none.avi", "No such file"):
         done = run(AVICHECK, "--repair", file, *audio, code=code)

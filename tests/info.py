@@ -82,7 +82,8 @@ def codes():
     for code, arguments in ((3, ["noise.sdv"]), (1, ["missing.sdv"]), (1, ["."]), (5, ["plain.sdv", "--key", "xyz"]),
                             (7, [ODD_NAME, "plain.sdv", *keyed]), (1, [ODD_NAME, "missing.sdv", "noise.sdv"]),
                             (2, ["--report", "a.html", "plain.sdv", "noise.sdv"]),
-                            (2, ["--report", "plain.sdv", "plain.sdv"]), (6, ["--report", "no/a.html", "plain.sdv"])):
+                            (2, ["--report", "plain.sdv", "plain.sdv", "--overwrite"]),
+                            (6, ["--report", "noise.sdv", "plain.sdv"]), (6, ["--report", "no/a.html", "plain.sdv"])):
         info(*arguments, code=code)
     assert files() == before, "files came, went or changed"
     os.symlink("plain.sdv", "\033[31m\x9b.sdv")

@@ -3,6 +3,7 @@
 #include "avi_repair.h"
 #include "cli.h"
 #include "descriptors.h"
+#include "files.h"
 #include "human.h"
 #include "temp_output.h"
 
@@ -142,6 +143,13 @@ bool gather_hints(const Options& options, tools::AviHints& hints, std::string& w
 
 int repair(const Options& options)
 {
+    // A recording cannot be made again.
+    for (const std::string& input : {options.from, options.like})
+        if (tools::same_file(input, options.output)) {
+            fprintf(stderr, "avicheck: the output is also an input: %s\n", tools::printable(input).c_str());
+            return cli::Usage;
+        }
+
     tools::AviHints hints;
     std::string why;
     if (!gather_hints(options, hints, why)) {

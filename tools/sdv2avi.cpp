@@ -3,6 +3,7 @@
 #include "cli_report.h"
 #include "convert_plan.h"
 #include "descriptors.h"
+#include "files.h"
 #include "human.h"
 #include "key.h"
 #include "worker_pool.h"
@@ -204,6 +205,17 @@ bool set_key(const Options& options, std::string& why)
     return true;
 }
 
+bool spares_key_file(const Options& options, const std::vector<tools::Job>& jobs, std::string& why)
+{
+    if (!options.keyFile) return true;
+    for (const tools::Job& job : jobs)
+        if (tools::same_file(job.output, *options.keyFile)) {
+            why = job.output + ": is the same file as the key file";
+            return false;
+        }
+    return true;
+}
+
 int convert(Options& options)
 {
     std::string why;
@@ -211,7 +223,8 @@ int convert(Options& options)
     if (!options.split.empty() && !tools::parse_split(options.split, options.pool.convert.split, why))
         return fail(cli::Usage, "--split: " + why);
     if (!set_key(options, why)) return fail(cli::KeyTrouble, why);
-    if (!tools::plan_jobs(options.plan, run.jobs, why)) return fail(cli::Usage, why);
+    if (!tools::plan_jobs(options.plan, run.jobs, why) || !spares_key_file(options, run.jobs, why))
+        return fail(cli::Usage, why);
 
     options.pool.progress = !options.quiet && isatty(STDERR_FILENO);
     const auto begin = std::chrono::steady_clock::now();

@@ -30,7 +30,7 @@ struct Options
     std::vector<std::string> files;
     std::optional<std::string> key, keyFile;
     std::string report;
-    bool frames = false, json = false;
+    bool frames = false, json = false, overwrite = false;
 };
 
 struct Run
@@ -289,8 +289,12 @@ cli::Exit inspect_all(const Options& options)
     Run run{options, {}, cli::has_colour(STDOUT_FILENO)};
     std::string why;
     if (!tools::find_key(options.key, options.keyFile, run.key, why)) return complain(why, cli::KeyTrouble);
-    if (!options.report.empty() && tools::same_file(options.files[0], options.report))
-        return complain("the report would replace the recording", cli::Usage);
+    if (!options.report.empty()) {
+        for (const std::string& input : {options.files[0], options.keyFile.value_or("")})
+            if (tools::same_file(input, options.report))
+                return complain("the report would replace " + input, cli::Usage);
+        if (!options.overwrite && tools::is_taken(options.report, why)) return complain(why, cli::NoOutput);
+    }
 
     const bool array = options.json && options.files.size() > 1;
     cli::Exit result = cli::Fine;
@@ -311,6 +315,7 @@ try {
     app.add_flag("--frames", options.frames, "list every frame, too");
     app.add_flag("--json", options.json, "for programs: one object, or an array for several recordings");
     auto* report = app.add_option("--report", options.report, "write a page with charts, for one recording");
+    app.add_flag("--overwrite", options.overwrite, "replace a page that is there already")->needs(report);
     auto* key = app.add_option("--key", options.key, "key of an encrypted recording: up to 32 hex digits");
     app.add_option("--key-file", options.keyFile,
                    "file that holds the key, not seen by other users (default: $SDV_KEY)")

@@ -123,11 +123,14 @@ bool finish_file(AviFiles& files, std::string& why)
 {
     if (!job.m_fsRec) return true;
     const bool recorded = job.m_bWriteHead;
+    const SdvReport report = conversion_report();
+    const bool encrypted = report.u64DroppedNoKey || report.u64DroppedWrongKey;
     const int trouble = StopRecordEx(0);
     const std::string part = files.name.part_name();
     release_room(part);
     if (!recorded) {
-        log_msg("nothing could be recorded (an encrypted stream needs its key)");
+        log_msg(encrypted ? "nothing could be recorded: the stream is encrypted and needs its key"
+                          : "nothing could be recorded");
         unlink(part.c_str());
         return true;
     }
