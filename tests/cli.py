@@ -136,6 +136,20 @@ def check_signal(number, to_all):
     assert contents() == before, "files came or went"
 
 
+def parts_together():
+    """A signal that comes when the first part has its name finds all of them in their places."""
+    stream = Path("plain.sdv").read_bytes()
+    Path("many.sdv").write_bytes(stream + 39 * stream[88:])
+    running = subprocess.Popen([SDV2AVI, "many.sdv", "--split", "40K", "--quiet"], start_new_session=True,
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    while not os.path.exists("many-001.avi") and running.poll() is None:
+        pass
+    if running.returncode is None:
+        os.killpg(running.pid, signal.SIGINT)
+    running.wait(60)
+    expect("parts", len([*Path(".").glob("many-*.avi")]), 160)
+
+
 def standard_input():
     """The same file comes out, whether a recording is converted or pushed, and the same is said of its damage."""
     for name in "plain.sdv", "damaged.sdv":
@@ -222,5 +236,5 @@ if __name__ == "__main__":
     go_through([(what, check_failure, *rest) for what, *rest in FAILURES]
                + [(what, check_success, *rest) for what, *rest in SUCCESSES]
                + [("SIGTERM", check_signal, signal.SIGTERM, False), ("SIGINT", check_signal, signal.SIGINT, True)]
-               + [(check.__name__, check) for check in (standard_input, many_at_a_time, progress_on_a_terminal,
-                                                        avicheck, sdvmake)], prepare)
+               + [(check.__name__, check) for check in (parts_together, standard_input, many_at_a_time,
+                                                        progress_on_a_terminal, avicheck, sdvmake)], prepare)
