@@ -84,6 +84,8 @@ void start_publishing(Publisher& publisher)
 void publish_later(Publisher& publisher, const FinishedFile& file)
 {
     const std::lock_guard lock(publisher.mutex);
+    publisher.waiting.swap(publisher.noRoom); // of this file, some room has come back
+    for (const FinishedFile& newer : std::exchange(publisher.noRoom, {})) publisher.waiting.push_back(newer);
     publisher.waiting.push_back(file);
     publisher.changed.notify_all();
 }
