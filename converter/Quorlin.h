@@ -378,10 +378,10 @@ QUORLIN_API int HeaderChange(void);
  */
 QUORLIN_API int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath);
 
-/* What became of a recording's frames and bytes. Fields may be added behind these. */
+/* What became of a recording's frames and bytes. Fields are added behind these, never between them. */
 typedef struct SdvReport
 {
-    uint32_t cbSize;   /* sizeof(SdvReport), set by the caller */
+    uint32_t cbSize;   /* sizeof(SdvReport), set by the caller: the fields within it are filled in */
     uint32_t reserved; /* left as it is */
     uint64_t u64FramesRecorded;
     uint64_t u64DroppedNumber0;      /* frames numbered 0 */
@@ -391,6 +391,7 @@ typedef struct SdvReport
     uint64_t u64BytesSkipped;        /* in which no frame begins, or only one that is cut off */
     uint64_t u64Gaps;                /* stretches of such bytes */
     uint64_t u64FirstGap;            /* where the first begins; 0 without any */
+    uint64_t u64FramesNotWritten;    /* the output had failed, for want of room or otherwise */
 } SdvReport;
 
 /**
@@ -404,9 +405,13 @@ typedef struct SdvReport
  * what is pushed while no file is open is not counted, and bytes that wait for the rest of their frame are
  * not skipped yet. A frame that a file can not take any more (see StopRecord()) counts nowhere.
  *
- * @param _pReport the caller's record. Only the fields of this version are written, also when cbSize is
- * larger.
- * @return 0; -1 for NULL, or a cbSize that is too small (nothing is then written)
+ * A pusher learns here that the disk is full, long before the stop: RecordAvi() and RecordAviEx() hand each
+ * frame to the system before they return, and once that fails, that frame and all behind it count in
+ * u64FramesNotWritten. The file then ends inside a chunk at worst; StopRecord() will return 1. In a file
+ * conversion, which writes many frames at a time, the count follows some frames later, and the output goes.
+ *
+ * @param _pReport the caller's record. Fields behind cbSize, and behind this version's, are left as they are.
+ * @return 0; -1 for NULL, or a cbSize below 72, the smallest record there was (nothing is then written)
  */
 QUORLIN_API int GetConversionReport(SdvReport* _pReport);
 
@@ -433,7 +438,8 @@ QUORLIN_API void Inner_InitializeRecord(const char* _cFileName);
  * whether the file is laid out with an audio stream; audio that comes later is kept too.
  *
  * Dropped are frames that cannot be deciphered, are numbered 0, are shorter than 32 bytes or declare more
- * than _iLength bytes. Nothing is read beyond _iLength. After the call ftell(m_fsRec) is the end of the file.
+ * than _iLength bytes. Nothing is read beyond _iLength. After the call ftell(m_fsRec) is the end of the file,
+ * and the system has what the frame came to: nothing of it waits in this process's memory.
  *
  * @param _ucData  one whole frame; deciphering changes it in place
  * @param _iLength its length in bytes

@@ -42,9 +42,13 @@ extern WaitedThread g_tWaited;
 // ---- output (Quorlin_output.cpp) ----
 
 // Between these two, WriteTofile() gathers: bytes handed to it stay where they are until flush_gathered().
-void begin_gathering();
+// begin_gathering() is false when that is so already, or cannot be.
+bool begin_gathering();
 void end_gathering();
 void flush_gathered();
+
+// A frame counts as recorded; some of its bytes may be gathered still.
+void frame_gathered();
 
 // Where the next byte goes; -1 when that cannot be told.
 int64_t output_position();
@@ -55,7 +59,9 @@ void seek_file(int64_t position, int whence);
 
 // Has any write to the open file failed, or a seek?
 bool output_failed();
-void forget_output_failure();
+
+// What the last file left, gathering included, is no concern of the next one.
+void forget_output();
 
 // ---- index (Quorlin_index.cpp) ----
 
@@ -86,11 +92,15 @@ enum class FrameFate
     numbered_0,
     no_key,
     wrong_key,
-    inconsistent
+    inconsistent,
+    not_written
 };
 
 void reset_report();
 void count_frame(FrameFate fate);
+
+// Frames that count as recorded could not be written after all.
+void take_back_recorded(uint64_t frames);
 
 // Bytes [from, to) of the input file were passed over.
 void note_skipped(uint64_t from, uint64_t to);

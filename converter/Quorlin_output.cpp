@@ -18,6 +18,7 @@ static struct
     bool failed;
     int64_t position; // of the first part in the file
     int64_t pending;  // bytes in all parts
+    uint64_t frames;  // that count as recorded and may have parts among these
     int count;
     int copied;
     struct iovec parts[MAX_PARTS];
@@ -79,9 +80,16 @@ void flush_gathered()
 {
     if (!s_gather.on) return;
     if (!s_gather.failed && !write_parts(fileno(g_tSdv2Avi.m_fsRec))) s_gather.failed = true;
+    if (s_gather.failed) take_back_recorded(s_gather.frames);
     s_gather.count = 0;
     s_gather.copied = 0;
     s_gather.pending = 0;
+    s_gather.frames = 0;
+}
+
+void frame_gathered()
+{
+    if (s_gather.on) s_gather.frames += 1;
 }
 
 void seek_file(int64_t position, int whence)
@@ -89,14 +97,17 @@ void seek_file(int64_t position, int whence)
     if (fseeko(g_tSdv2Avi.m_fsRec, position, whence) != 0) s_gather.failed = true;
 }
 
-void begin_gathering()
+bool begin_gathering()
 {
     FILE* file = g_tSdv2Avi.m_fsRec;
-    const int64_t position = file && fflush(file) == 0 ? ftello(file) : -1;
-    if (position < 0) return;
+    if (s_gather.on || !file) return false;
+
+    const int64_t position = fflush(file) == 0 ? ftello(file) : -1;
+    if (position < 0) return false;
 
     s_gather.position = position;
     s_gather.on = true;
+    return true;
 }
 
 void end_gathering()
@@ -140,7 +151,12 @@ bool output_failed()
     return s_gather.failed || (g_tSdv2Avi.m_fsRec && ferror(g_tSdv2Avi.m_fsRec));
 }
 
-void forget_output_failure()
+void forget_output()
 {
+    s_gather.on = false;
     s_gather.failed = false;
+    s_gather.count = 0;
+    s_gather.copied = 0;
+    s_gather.pending = 0;
+    s_gather.frames = 0;
 }

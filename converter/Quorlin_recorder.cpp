@@ -35,7 +35,7 @@ static void forget_trouble()
 {
     s_bLimitReached = false;
     s_bEntryLost = false;
-    forget_output_failure();
+    forget_output();
 }
 
 // ---- starting
@@ -228,23 +228,30 @@ static FrameFate open_frame(unsigned char* data, int length, FrameParts& frame)
     return deciphered == -4 ? FrameFate::wrong_key : fate;
 }
 
-static void write_frame(TSdv2Avi& job, const FrameParts& frame)
+// A frame by itself goes to the system in one call: a program that is killed loses none that came whole.
+static FrameFate write_frame(TSdv2Avi& job, const FrameParts& frame)
 {
+    const bool alone = begin_gathering();
     detect_audio(job, frame.header.u8ACoder);
     lay_out(job);
     write_slots(job, frame.before, frame.slotsBefore, frame.header.u16AFrameSize);
     write_video(job, frame);
     write_slots(job, frame.after, frame.slotsAfter, frame.header.u16AFrameSize);
     job.m_bWriteHead = 1;
+    if (alone) end_gathering();
+    return output_failed() ? FrameFate::not_written : FrameFate::recorded;
 }
 
 int RecordAvi(unsigned char* _ucData, int _iLength)
 {
     TSdv2Avi& job = g_tSdv2Avi;
     FrameParts frame;
-    const FrameFate fate = open_frame(_ucData, _iLength, frame);
-    if (fate == FrameFate::recorded) write_frame(job, frame);
-    if (job.m_fsRec && (fate != FrameFate::recorded || !s_bLimitReached)) count_frame(fate);
+    FrameFate fate = open_frame(_ucData, _iLength, frame);
+    if (fate == FrameFate::recorded) fate = write_frame(job, frame);
+    if (!job.m_fsRec || (fate == FrameFate::recorded && s_bLimitReached)) return 0;
+
+    count_frame(fate);
+    if (fate == FrameFate::recorded) frame_gathered();
     return 0;
 }
 

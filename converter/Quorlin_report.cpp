@@ -1,9 +1,15 @@
 #include <stddef.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "Quorlin_internal.h"
 
-static_assert(sizeof(SdvReport) == 72 && offsetof(SdvReport, u64FramesRecorded) == 8);
+static_assert(offsetof(SdvReport, u64FramesRecorded) == 8 && offsetof(SdvReport, u64FramesNotWritten) == 72 &&
+              sizeof(SdvReport) == 80);
+
+// Callers may have been built when the record ended before u64FramesNotWritten.
+static const uint32_t FIRST_SIZE = offsetof(SdvReport, u64FramesNotWritten);
 
 static const uint64_t NOWHERE = UINT64_MAX;
 
@@ -36,6 +42,8 @@ static uint64_t& count_of(SdvReport& counts, FrameFate fate)
         return counts.u64DroppedNoKey;
     case FrameFate::wrong_key:
         return counts.u64DroppedWrongKey;
+    case FrameFate::not_written:
+        return counts.u64FramesNotWritten;
     case FrameFate::inconsistent:
         break;
     }
@@ -46,6 +54,13 @@ void count_frame(FrameFate fate)
 {
     PlainLock guard(s_tAccount.lock);
     count_of(s_tAccount.counts, fate) += 1;
+}
+
+void take_back_recorded(uint64_t frames)
+{
+    PlainLock guard(s_tAccount.lock);
+    s_tAccount.counts.u64FramesRecorded -= frames;
+    s_tAccount.counts.u64FramesNotWritten += frames;
 }
 
 // Bytes that lie behind one another are one gap, in however many steps they are passed over.
@@ -84,11 +99,13 @@ void consume_stream(uint64_t len)
 
 int GetConversionReport(SdvReport* _pReport)
 {
-    if (!_pReport || _pReport->cbSize < sizeof(SdvReport)) return -1;
+    if (!_pReport || _pReport->cbSize < FIRST_SIZE) return -1;
 
     const size_t start = offsetof(SdvReport, u64FramesRecorded);
+    const size_t end =
+        std::min<size_t>(_pReport->cbSize, sizeof(SdvReport)) / sizeof(uint64_t) * sizeof(uint64_t);
     PlainLock guard(s_tAccount.lock);
     memcpy(reinterpret_cast<char*>(_pReport) + start, reinterpret_cast<char*>(&s_tAccount.counts) + start,
-           sizeof(SdvReport) - start);
+           end - start);
     return 0;
 }

@@ -71,17 +71,46 @@ TEST(Report, WhatIsKeptAndWhatIsNot)
     EXPECT_EQ(report(), Counts{});
 }
 
-TEST(Report, WritesOnlyTheRecordOfThisVersion)
+// Callers were built against other versions of the record: it is filled in as far as both reach.
+TEST(Report, FillsTheFieldsThatTheCallersRecordHas)
 {
-    SdvReport reports[2]; // the second one stands for what a later version adds
-    memset(reports, 0x55, sizeof(reports));
-    EXPECT_EQ(GetConversionReport(reports), 0);
-    EXPECT_EQ(std::pair(reports[0].cbSize, reports[0].reserved), std::pair(0x55555555u, 0x55555555u));
-    EXPECT_EQ(reports[1].cbSize, 0x55555555u);
-    reports[1].cbSize = sizeof(SdvReport) - 1;
-    EXPECT_EQ(GetConversionReport(&reports[1]), -1);
-    EXPECT_EQ(reports[1].u64Gaps, 0x5555555555555555u);
+    const size_t whole = sizeof(SdvReport);
+    for (const auto& [size, result, filled] : {std::tuple(size_t(71), -1, size_t(8)),
+                                               {72, 0, 72},
+                                               {79, 0, 72},
+                                               {whole, 0, whole},
+                                               {0x55555555, 0, whole}}) {
+        SdvReport reports[2]; // the second one stands for what a later version adds
+        memset(reports, 0x55, sizeof(reports));
+        reports[0].cbSize = uint32_t(size);
+        EXPECT_EQ(GetConversionReport(reports), result) << size;
+        Bytes want(2 * whole, 0x55);
+        memcpy(want.data(), &reports[0].cbSize, 4);
+        std::fill(want.begin() + 8, want.begin() + filled, 0);
+        EXPECT_EQ(memcmp(reports, want.data(), want.size()), 0) << size;
+    }
     EXPECT_EQ(GetConversionReport(nullptr), -1);
+}
+
+// A recorder that is told that all is well goes on for days. Of 1,000 frames of 132 bytes, 100 fit.
+TEST(Report, FramesOnAFullDiskAreNotRecorded)
+{
+    EXPECT_EQ(in_child([] {
+                  Recording open;
+                  limit_files(224 + 100 * 108);
+                  for (uint32_t i = 1; i <= 1000; ++i) {
+                      push_frame(sdv::frame(picture(i)));
+                      SdvReport all{};
+                      all.cbSize = sizeof(all);
+                      GetConversionReport(&all);
+                      EXPECT_EQ(all.u64FramesRecorded, std::min(i, 100u));
+                      EXPECT_EQ(all.u64FramesNotWritten, i - all.u64FramesRecorded);
+                      EXPECT_EQ(file_size(open.path), 224 + all.u64FramesRecorded * 108);
+                      if (testing::Test::HasFailure()) return 1;
+                  }
+                  return StopRecordEx(0) == 1 ? 0 : 2;
+              }),
+              0);
 }
 
 TEST(Report, IsReadWhileAConversionRuns)

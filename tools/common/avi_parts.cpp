@@ -37,6 +37,7 @@ void add_counts(SdvReport& sum, const SdvReport& part)
     sum.u64DroppedNoKey += part.u64DroppedNoKey;
     sum.u64DroppedWrongKey += part.u64DroppedWrongKey;
     sum.u64DroppedInconsistent += part.u64DroppedInconsistent;
+    sum.u64FramesNotWritten += part.u64FramesNotWritten;
 }
 
 bool open_part(AviParts& parts, std::string& why)

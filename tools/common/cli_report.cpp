@@ -9,6 +9,7 @@ nlohmann::ordered_json report_json(const SdvReport& report)
             {"dropped_no_key", report.u64DroppedNoKey},
             {"dropped_wrong_key", report.u64DroppedWrongKey},
             {"dropped_inconsistent", report.u64DroppedInconsistent},
+            {"not_written", report.u64FramesNotWritten},
             {"bytes_skipped", report.u64BytesSkipped},
             {"gaps", report.u64Gaps},
             {"first_gap",

@@ -14,7 +14,8 @@ std::string dropped(const SdvReport& report)
     } causes[] = {{report.u64DroppedNumber0, " numbered 0"},
                   {report.u64DroppedNoKey, " enciphered, without a key"},
                   {report.u64DroppedWrongKey, " that the key does not open"},
-                  {report.u64DroppedInconsistent, " inconsistent"}};
+                  {report.u64DroppedInconsistent, " inconsistent"},
+                  {report.u64FramesNotWritten, " that could not be written"}};
     std::string text;
     for (const auto& [count, cause] : causes)
         if (count) text += (text.empty() ? "; dropped: " : ", ") + std::to_string(count) + cause;
@@ -34,7 +35,7 @@ SdvReport conversion_report()
 uint64_t dropped_frames(const SdvReport& report)
 {
     return report.u64DroppedNumber0 + report.u64DroppedNoKey + report.u64DroppedWrongKey +
-           report.u64DroppedInconsistent;
+           report.u64DroppedInconsistent + report.u64FramesNotWritten;
 }
 
 bool is_anything_lost(const SdvReport& report)
