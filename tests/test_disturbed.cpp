@@ -99,6 +99,10 @@ TEST(Cancel, EndsWhatRunsAndNothingLater)
         EXPECT_EQ(g_tSdv2Avi.m_iIsSwitching, 0);
         EXPECT_FALSE(exists(conversion.out));
         EXPECT_EQ(CancelConversion(), 0);
+        SdvReport report = {};
+        report.cbSize = sizeof(report);
+        GetConversionReport(&report);
+        EXPECT_EQ(report.u64BytesSkipped, 0u) << "it ran to its end before";
         conversion.expect_all_works();
     }
     LongConversion old;
