@@ -115,6 +115,7 @@ TEST(Cancel, EndsWhatRunsAndNothingLater)
     });
     EXPECT_EQ(ChangeFile2AVI(text(old.in), text(old.out)), 4);
     other.join();
+    EXPECT_LT(g_tSdv2Avi.m_iTotalFrames, 19999) << "it ran to its end before";
     EXPECT_FALSE(exists(old.out));
 }
 
@@ -184,6 +185,7 @@ TEST(Cancelled, ThreadsLeaveNothingLockedOrHalfDone)
         const Recording open;
         for (const auto& [what, finishes, work] : rows) {
             SCOPED_TRACE(what);
+            if (sanitized && !finishes) continue; // a stack that is unwound so stays marked as in use
             Called called = {work};
             pthread_t thread;
             pthread_create(&thread, nullptr, call_cancelled, &called);
