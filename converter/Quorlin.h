@@ -33,7 +33,8 @@
  * StopRecordEx() leave one that runs alone and give 1; Initialize() and QuorlinRelease() wait for its end.
  *
  * A thread that is cancelled (pthread_cancel()) inside a call finishes it, a whole conversion too, and is
- * cancelled behind it. A child that is forked while a conversion runs leaves the converter alone.
+ * cancelled at its next own cancellation point: a loop that calls nothing else calls pthread_testcancel(). A
+ * child that is forked while a conversion runs leaves the converter alone.
  *
  * Files. A conversion that fails removes the file at the output path, also one that was there before; so does
  * one that cannot open its input any more when it begins. Output files are created with the process's umask.
@@ -459,7 +460,8 @@ QUORLIN_API void Inner_InitializeRecord(const char* _cFileName);
  *
  * Dropped are frames that cannot be deciphered, are numbered 0, are shorter than 32 bytes or declare more
  * than _iLength bytes. Nothing is read beyond _iLength. After the call ftell(m_fsRec) is the end of the file,
- * and the system has what the frame came to: nothing of it waits in this process's memory.
+ * as long as it can be written, and the system has what the frame came to: nothing of it waits in this
+ * process's memory.
  *
  * @param _ucData  one whole frame; deciphering changes it in place
  * @param _iLength its length in bytes

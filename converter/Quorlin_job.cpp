@@ -99,8 +99,9 @@ void prepare_job(int _iAudioSampleRate)
 int Initialize(int _iAudioSampleRate)
 {
     const CancelGuard whole;
-    await_conversion_end();
+    begin_use();
     prepare_job(_iAudioSampleRate);
+    end_use();
     return 0;
 }
 
@@ -136,7 +137,8 @@ void release_job()
 int QuorlinRelease(void)
 {
     const CancelGuard whole;
-    await_conversion_end();
+    begin_use();
     release_job();
+    end_use();
     return 0;
 }

@@ -364,7 +364,10 @@ int finish_recording()
 int StopRecord(int)
 {
     const CancelGuard whole;
-    return is_conversion_running() ? 1 : finish_recording();
+    if (!try_begin_use()) return 1;
+    const int result = finish_recording();
+    end_use();
+    return result;
 }
 
 int HVDecReset(void*, short)

@@ -5,8 +5,9 @@
 #include "Quorlin_internal.h"
 
 static pthread_mutex_t s_tLock = PTHREAD_MUTEX_INITIALIZER;
-static pthread_cond_t s_tEnded = PTHREAD_COND_INITIALIZER;
+static pthread_cond_t s_tChanged = PTHREAD_COND_INITIALIZER;
 static bool s_bRunning;
+static int s_iUsers;
 
 // Apart from the lock: a signal handler may cancel.
 static const int CLOSED = 0; // none runs, or its outcome stands
@@ -14,13 +15,9 @@ static const int OPEN = 1;
 static const int CANCELLED = 2;
 static std::atomic<int> s_iRequest = CLOSED;
 
-static void await_end_locked()
-{
-    while (s_bRunning) pthread_cond_wait(&s_tEnded, &s_tLock);
-}
-
 static void begin_locked()
 {
+    while (s_bRunning || s_iUsers > 0) pthread_cond_wait(&s_tChanged, &s_tLock);
     s_bRunning = true;
     s_iRequest.store(OPEN);
 }
@@ -28,7 +25,6 @@ static void begin_locked()
 void begin_conversion()
 {
     PlainLock guard(s_tLock);
-    await_end_locked();
     begin_locked();
 }
 
@@ -45,19 +41,29 @@ void end_conversion()
     PlainLock guard(s_tLock);
     s_iRequest.store(CLOSED);
     s_bRunning = false;
-    pthread_cond_broadcast(&s_tEnded);
+    pthread_cond_broadcast(&s_tChanged);
 }
 
-bool is_conversion_running()
+void begin_use()
 {
     PlainLock guard(s_tLock);
-    return s_bRunning;
+    while (s_bRunning) pthread_cond_wait(&s_tChanged, &s_tLock);
+    s_iUsers += 1;
 }
 
-void await_conversion_end()
+bool try_begin_use()
 {
     PlainLock guard(s_tLock);
-    await_end_locked();
+    if (s_bRunning) return false;
+    s_iUsers += 1;
+    return true;
+}
+
+void end_use()
+{
+    PlainLock guard(s_tLock);
+    s_iUsers -= 1;
+    pthread_cond_broadcast(&s_tChanged);
 }
 
 bool is_cancelled()

@@ -76,11 +76,17 @@ int RecordAviEx(unsigned char* _ucData, int _iLength)
     return SearchAndRecordFrame();
 }
 
+static int stop_locked(int index)
+{
+    PlainLock guard(g_tSdv2Avi.m_LockAviFile);
+    return StopRecord(index);
+}
+
 int StopRecordEx(int _iDDrawIndex)
 {
-    // Whose job this is now may be about to release the lock.
-    if (is_conversion_running()) return 1;
-
-    PlainLock guard(g_tSdv2Avi.m_LockAviFile);
-    return StopRecord(_iDDrawIndex);
+    const CancelGuard whole;
+    if (!try_begin_use()) return 1;
+    const int result = stop_locked(_iDDrawIndex);
+    end_use();
+    return result;
 }

@@ -11,9 +11,10 @@
  * with ": " and the system's error text behind the message where an entry says "with errno".
  *
  * Threads. Any thread may call any operation, under the rules that its section gives. A thread that is
- * cancelled (pthread_cancel()) inside a call is cancelled behind it: nothing stays locked or half done.
- * Cancelled at once are only calls that hold nothing: os_sleep(), os_thread_join(), log_date(), and the TCP
- * and UDP calls that send and read. After log_buf_lock() a thread is not cancelled before the closing call.
+ * cancelled (pthread_cancel()) inside a call finishes it, and is cancelled at its next own cancellation
+ * point: nothing stays locked or half done. Cancelled at once are only calls that hold nothing: os_sleep(),
+ * os_thread_join(), log_date(), and the TCP and UDP calls that send and read. After log_buf_lock() a thread
+ * is not cancelled before the closing call.
  *
  * Child processes. Every descriptor of the layer is close-on-exec. A child that was forked and goes on
  * without exec has copies of them all and shares the loop's set of descriptors, but has no loop: it calls
