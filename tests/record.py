@@ -27,12 +27,12 @@ TIMEOUT = 30
 class Run(subprocess.Popen):
     """A recorder in a directory of its own; at the end it has ended by itself or is made to."""
 
-    def __init__(self, *options, out="out", env={}, **more):
+    def __init__(self, *options, out="out", env={}, log=None, **more):
         self.out = Path(out)
         self.out.mkdir(exist_ok=True)
         where = [] if "--connect" in options else ["--listen", "127.0.0.1:0"]
         super().__init__([SDVRECORD, *where, "--out", out, *options], stdout=subprocess.PIPE, text=True,
-                         stderr=open(out + ".log", "w"), env={**os.environ, **env}, **more)
+                         stderr=log or open(out + ".log", "w"), env={**os.environ, **env}, **more)
         first = str(self.event("started")) if "--json" in options else self.stdout.readline()
         address = re.search(r"(?:listening on |'listen': '|'connect': ')\w[\w.]*:(\d+)", first)
         assert address, f"first line: {first}, {self.log()}"
@@ -58,7 +58,8 @@ class Run(subprocess.Popen):
         raise AssertionError(f"no event {name}: {self.log()}")
 
     def log(self):
-        return Path(str(self.out) + ".log").read_text()
+        log = Path(str(self.out) + ".log")
+        return log.read_text() if log.exists() else "(nobody reads it)"
 
     def names(self):
         return sorted(path.name for path in self.out.iterdir())
@@ -220,20 +221,123 @@ def killed():
             assert 30 < run.pictures() < 70, f"{run.pictures()} pictures"
 
 
+def limit_size(run, most):
+    """What the recorder's disk takes, whatever it has promised before."""
+    resource.prlimit(run.pid, resource.RLIMIT_FSIZE, (most, resource.RLIM_INFINITY))
+
+
+def send_on(run, stream, true):
+    """A camera that goes on until something is the case."""
+    with run.connect() as camera:
+        camera.sendall(stream[:88])
+        def go_on():
+            camera.sendall(stream[88:])
+            time.sleep(0.1)
+            return true()
+        run.until("the recorder's answer", go_on)
+        return camera.getsockname()[1]
+
+
+def failing_disk():
+    """A write fails in the middle of a frame: the camera stays, the file is finished, another one begun in time."""
+    stream, _ = recording()
+    room = resource.RLIM_INFINITY
+    with Run("--json", "--preview") as run:
+        part = run.out / f"{START}.avi.part"
+        names, stage = lambda: [name for name in run.names() if name.endswith(".avi")], []
+
+        def next_stage():
+            size = part.stat().st_size if part.exists() else 0
+            if not stage and size > 100_000:
+                limit_size(run, size + 1000)
+                stage.append("refused")
+            elif stage == ["refused"] and "cannot be finished" in run.log():
+                assert names() == [] and part.exists(), run.names()
+                limit_size(run, room)
+                stage.append("taken")
+            return len(stage) == 2 and "recording goes on" in run.log() and len(names()) == 1
+
+        send_on(run, stream, next_stage)
+        stalled, tried = run.event("stalled"), run.event("not_finished")
+        assert "File too large" in stalled["reason"] and tried["path"] == str(part), (stalled, tried)
+        expect("dropped", (status := run.event("status"))["not_written"], status["dropped"])
+        lost, first = run.event("resumed")["not_written"], run.event("file")
+        expect("the first file", first["pictures"], pictures(run.out / names()[0]))
+        expect("lost in all", run.event("lost")["not_written"], lost)
+        run.send_signal(signal.SIGTERM)
+        assert lost > 10 and run.event("stopped")["exit_code"] == 0
+        run.end(0)
+        assert len(names()) == 2 == len(run.names()) and run.pictures() > 100, run.names()
+
+
 def full_disk():
+    """What is there is finished; the recorder waits for room, and ends with 6 as long as there is none."""
     stream, _ = recording()
     small = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (150_000, 150_000))
+    with Run("--once", out="limit", preexec_fn=small) as run:
+        run.send(stream)
+        run.end(6, [f"{START}.avi"])
+        assert "no room" in run.log() and 20 < run.pictures() < 100, f"{run.pictures()}, {run.log()}"
     os.mkdir("disk")
-    mount = ["mount", "-t", "tmpfs", "-o", "size=160k", "tmpfs", "disk"]
+    mount = ["mount", "-t", "tmpfs", "-o", "size=8M", "tmpfs", "disk"]
+    if os.geteuid() != 0 or subprocess.run(mount, capture_output=True).returncode:
+        return
     with contextlib.ExitStack() as at_end:
-        mounted = os.geteuid() == 0 and subprocess.run(mount, capture_output=True).returncode == 0
-        if mounted:
-            at_end.callback(run_tool, "umount", "disk")
-        for out, limit in [("limit", small)] + [("disk", None)] * mounted:
-            with Run(out=out, preexec_fn=limit) as run:
-                run.send(stream)
-                run.end(6, [f"{START}.avi"])
-                assert "no room" in run.log() and 20 < run.pictures() < 100, f"{run.pictures()}, {run.log()}"
+        at_end.callback(run_tool, "umount", "disk")
+        Path("disk/other").write_bytes(bytes((8 << 20) - (160 << 10)))
+        with Run(out="disk") as run:
+            send_on(run, stream, lambda: "no room" in run.log() and f"{START}.avi" in run.names())
+            assert [name for name in run.names() if name.endswith("part")] == [], run.names()
+            Path("disk/other").unlink()
+            send_on(run, stream, lambda: "recording goes on" in run.log())
+            run.send_signal(signal.SIGTERM)
+            run.end(0)
+            assert run.pictures() > 20, run.names()
+
+
+def messages_unread():
+    """Nobody reads standard error, and strangers knock: the recording goes on, and ends when it is to."""
+    stream, avi = recording()
+    reader, writer = os.pipe()
+    os.write(writer, bytes(60_000))
+    with Run("--json", log=writer) as run, run.connect() as camera:
+        camera.sendall(stream[:1000])
+        run.event("connected")
+        for _ in range(900):
+            run.connect().close()
+        expect("the first one", run.event("refused")["count"], 1)
+        camera.sendall(stream[1000:])
+        camera.close()
+        run.event("file")
+        run.send_signal(signal.SIGTERM)
+        expect("all others", run.event("refused")["count"], 899)
+        run.end(0, [f"{START}.avi"])
+    assert (run.out / f"{START}.avi").read_bytes() == avi
+    os.close(writer)
+    os.close(reader)
+
+
+def place():
+    """Who keeps the place without frames loses it, and at once to the same camera; a slow one keeps it."""
+    stream, avi = recording()
+    with Run("--idle", "3") as run, run.connect() as slow:
+        slow.sendall(stream[:1000])
+        for at in range(1000, 9000, 1000):  # a frame of 8 kB, at a kilobyte a second and a little more
+            time.sleep(0.8)
+            slow.sendall(stream[at : at + 1000])
+        assert "has gone" not in run.log(), run.log()
+        for at in range(20):
+            time.sleep(0.3)
+            with contextlib.suppress(ConnectionError):
+                slow.sendall(b"x")
+        assert "no frame for 3 s" in run.log(), run.log()
+        with run.connect() as dead:
+            dead.sendall(stream[:1000])
+            run.until("a camera", lambda: run.log().count("is connected") == 2)
+            time.sleep(2.1)
+            run.send(stream)
+            run.until("its file", lambda: run.names() and all(name.endswith("avi") for name in run.names()))
+        assert "called anew" in run.log() and "refused" not in run.log(), run.log()
 
 
 def nothing():
@@ -257,4 +361,5 @@ def unit():
 
 if __name__ == "__main__":
     go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file,
-                                                     every_event, killed, full_disk, nothing, unit))
+                                                     every_event, killed, failing_disk, full_disk, messages_unread,
+                                                     place, nothing, unit))

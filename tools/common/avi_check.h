@@ -48,6 +48,7 @@ struct Report
     uint32_t width = 0, height = 0, rate = 0, videoLength = 0;
     uint32_t sampleRate = 0; // as the main header's data rate tells it, also without audio
     Audio audio;
+    uint32_t reserved = 0;   // the main header's first reserved field
     uint64_t moviOffset = 0; // of the "movi" FourCC
 
     bool sound() const { return findings.empty(); }
