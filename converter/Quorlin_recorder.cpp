@@ -51,6 +51,7 @@ static void forget_trouble()
 void Inner_InitializeRecord(const char* _cFileName)
 {
     g_tSdv2Avi.m_fsRec = _cFileName ? open_output(_cFileName) : nullptr;
+    if (g_tSdv2Avi.m_fsRec) forget_trouble();
 }
 
 static bool open_clean_file(TSdv2Avi& job, const char* path)
@@ -60,7 +61,6 @@ static bool open_clean_file(TSdv2Avi& job, const char* path)
     Inner_InitializeRecord(path);
     if (!job.m_fsRec) return false;
 
-    forget_trouble();
     job.m_iTotalFrames = 0;
     job.m_iAudioFrames = 0;
     job.m_iMaxFrameLen = 0;

@@ -70,7 +70,9 @@ uint64_t input_end(const ReadWindow& window)
 bool seek_frame(ReadWindow& window, int kind)
 {
     const uint64_t from = window_position(window);
-    while (!is_cancelled() && fill_window(window, FRAME_HEADER_SIZE) == Fill::enough) {
+    while (fill_window(window, FRAME_HEADER_SIZE) == Fill::enough) {
+        if (is_cancelled()) return false;
+
         int found;
         const size_t len = window.held - window.at;
         if (FindFrame(window.bytes + window.at, static_cast<int>(len), &found, kind)) {

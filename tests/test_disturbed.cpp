@@ -73,44 +73,70 @@ TEST(Disturbed, ARunningConversionGoesOn)
     }
 }
 
-static volatile sig_atomic_t s_signalled;
+static std::atomic<int> s_cancelled;
+
+static uint64_t bytes_skipped()
+{
+    SdvReport report = {};
+    report.cbSize = sizeof(report);
+    GetConversionReport(&report);
+    return report.u64BytesSkipped;
+}
+
+// What the conversion returned, cancelled as soon as it ran. We may have come too late: then once more.
+template <class Convert>
+static auto cancelled(bool by_signal, const Convert& convert_it, const std::function<bool()>& stopped_midway)
+{
+    const pthread_t main_thread = pthread_self();
+    for (int tries = 1;; ++tries) {
+        s_cancelled = 0;
+        std::atomic<bool> over = false;
+        std::thread other([&] {
+            while (!over && !s_cancelled) {
+                if (by_signal)
+                    pthread_kill(main_thread, SIGUSR1);
+                else
+                    s_cancelled |= CancelConversion();
+                std::this_thread::yield();
+            }
+        });
+        const auto result = convert_it();
+        over = true;
+        other.join();
+        if ((s_cancelled && stopped_midway()) || tries == 10) return result;
+    }
+}
 
 TEST(Cancel, EndsWhatRunsAndNothingLater)
 {
     struct sigaction action = {};
-    action.sa_handler = [](int) { s_signalled = s_signalled | CancelConversion(); };
+    action.sa_handler = [](int) { s_cancelled |= CancelConversion(); };
     sigaction(SIGUSR1, &action, nullptr);
-    const std::tuple<const char*, uint8_t, Outcome, bool> rows[] = {
-        {"between frames", 0, {0, -5, ""}, false},
-        {"looking for a key frame", 1, {0, -5, ""}, false},
-        {"by a signal", 0, {0, -5, ""}, true},
-    };
+    const std::tuple<const char*, uint8_t, bool> rows[] = {
+        {"between frames", 0, false}, {"looking for a key frame", 1, false}, {"by a signal", 0, true}};
     EXPECT_EQ(CancelConversion(), 0);
-    for (const auto& [what, type, want, by_signal] : rows) {
+    for (const auto& [what, type, by_signal] : rows) {
         SCOPED_TRACE(what);
-        LongConversion conversion(type);
-        const pthread_t main_thread = pthread_self();
-        std::thread other([&, by_signal = by_signal] {
-            while (by_signal ? (pthread_kill(main_thread, SIGUSR1), !s_signalled) : !CancelConversion())
-                std::this_thread::yield();
-        });
-        EXPECT_EQ(convert(conversion.in, conversion.out), want);
-        other.join();
+        LongConversion paths(type);
+        const Outcome outcome = cancelled(
+            by_signal, [&] { return convert(paths.in, paths.out); }, [] { return bytes_skipped() == 0; });
+        EXPECT_EQ(outcome, Outcome(0, -5, ""));
+        EXPECT_EQ(bytes_skipped(), 0u) << "it ran to its end before";
         EXPECT_EQ(g_tSdv2Avi.m_iIsSwitching, 0);
-        EXPECT_FALSE(exists(conversion.out));
+        EXPECT_FALSE(exists(paths.out));
         EXPECT_EQ(CancelConversion(), 0);
-        conversion.expect_all_works();
+        paths.expect_all_works();
     }
     LongConversion old;
     Bytes frames;
     for (uint32_t i = 1; i < 20000; ++i) sdv::append(frames, sdv::frame(picture(i)));
     write_file(old.in, sdv::file_header({.frameCount = 20000}) + frames);
     const Job job;
-    std::thread other([] {
-        while (!CancelConversion()) std::this_thread::yield();
-    });
-    EXPECT_EQ(ChangeFile2AVI(text(old.in), text(old.out)), 4);
-    other.join();
+    const int result = cancelled(
+        false, [&] { return ChangeFile2AVI(text(old.in), text(old.out)); },
+        [] { return g_tSdv2Avi.m_iTotalFrames < 19999; });
+    EXPECT_EQ(result, 4);
+    EXPECT_LT(g_tSdv2Avi.m_iTotalFrames, 19999) << "it ran to its end before";
     EXPECT_FALSE(exists(old.out));
 }
 
@@ -133,56 +159,61 @@ TEST(Disturbed, FinishedIsSaidWhenItIs)
 
 // ---- threads of callers
 
-static std::atomic<int> s_rounds;
-
 struct Called
 {
     void (*work)();
+    bool finished = false;
     bool destroyed = false; // a caller's own destructor has run
 };
 
-static void* call_until_cancelled(void* context)
+// Cancelled from the start, it ends at the first place where that can be.
+static void* call_cancelled(void* context)
 {
     struct Owner
     {
         Called& called;
         ~Owner() { called.destroyed = true; }
     } owner = {*static_cast<Called*>(context)};
-    for (;; ++s_rounds) {
-        owner.called.work();
-        pthread_testcancel();
-    }
+    pthread_cancel(pthread_self());
+    owner.called.work();
+    owner.called.finished = true;
+    pthread_testcancel();
+    return nullptr;
 }
 
 TEST(Cancelled, ThreadsLeaveNothingLockedOrHalfDone)
 {
-    static Bytes frame;
-    const std::pair<const char*, void (*)()> rows[] = {
-        {"pushing", [] { RecordAviEx(frame.data(), int(frame.size())); }},
-        {"reporting", [] { os_mutex_lock(nullptr); }},
-        {"a timer and its list", [] { os_timer_destroy(os_timer_create(nullptr, 1, nullptr)); }},
-        {"posting", [] { os_post_func([](void*) {}, nullptr); }},
-        {"a client", [] { os_tcp_client_destroy(os_tcp_client_create()); }},
-        {"sleeping, which ends at once", [] { s_rounds = 100, os_sleep(600000); }},
+    static Bytes frame = sdv::frame(picture(1, 300000));
+    static char from[] = "a", to[2], loopback[] = "127.0.0.1";
+    const std::tuple<const char*, bool, void (*)()> rows[] = {
+        {"push", true, [] { RecordAviEx(frame.data(), int(frame.size())); }},
+        {"record", true, [] { RecordAvi(frame.data(), int(frame.size())); }},
+        {"report", true, [] { os_mutex_lock(nullptr); }},
+        {"log", true, [] { log_msg("line"); }},
+        {"post", true, [] { os_post_func([](void*) {}, nullptr); }},
+        {"connect", true,
+         [] {
+             TcpClient* client = os_tcp_client_create();
+             os_tcp_client_set_remote(client, loopback, 1);
+             os_tcp_client_open(client, -1);
+             os_tcp_client_destroy(client);
+         }},
+        {"convert text", true, [] { os_code_convert("UTF-8", "UTF-16", to, 2, from, 1); }},
+        {"stop", true, [] { StopRecordEx(0); }},
+        {"sleep", false, [] { os_sleep(600000); }},
     };
     in_layer(1, 1, [&] {
-        Recording open;
-        frame = sdv::frame(picture(1, 300000));
-        for (const auto& [what, work] : rows) {
+        const Recording open;
+        for (const auto& [what, finishes, work] : rows) {
             SCOPED_TRACE(what);
+            if (sanitized && !finishes) continue; // a stack that is unwound so stays marked as in use
             Called called = {work};
             pthread_t thread;
-            s_rounds = 0;
-            pthread_create(&thread, nullptr, call_until_cancelled, &called);
-            while (s_rounds < 5) std::this_thread::yield();
-            pthread_cancel(thread);
+            pthread_create(&thread, nullptr, call_cancelled, &called);
             pthread_join(thread, nullptr);
-            EXPECT_TRUE(called.destroyed);
-            for (const auto& row : rows)
-                if (&row != &rows[5]) row.second();
+            ASSERT_EQ(std::pair(called.finished, called.destroyed), std::pair(finishes, true));
         }
         on_loop([] {});
-        EXPECT_EQ(StopRecordEx(0), 0);
-        expect_sound(open.path);
+        expect_video(open.path, {picture(1, 300000), picture(1, 300000)});
     });
 }

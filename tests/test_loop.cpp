@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -118,6 +119,18 @@ TEST(Post, ManyFromAnywhereRunInOrderOnTheLoop)
             EXPECT_EQ(in_order, ran);
         }
     });
+}
+
+TEST(Post, BeforeTheStartKeepsNoMemory)
+{
+    const std::string reports = in_process(CAME_TO_ITS_END, [] {
+        const auto post = [] { return os_post_func([](void*) {}, nullptr); };
+        EXPECT_EQ(post(), 0);
+        const size_t before = mallinfo2().uordblks;
+        for (int i = 0; i < 10; ++i) post();
+        EXPECT_EQ(mallinfo2().uordblks, before);
+    });
+    EXPECT_EQ(count_of(reports, "dlist is null\n"), 33);
 }
 
 static std::string s_ran; // main lock

@@ -31,6 +31,17 @@ TEST(Stream, PiecesGiveTheConversionsBytes)
     SetDecryptKey(nullptr, 0);
 }
 
+TEST(Stream, TwoThreadsPushWholeFrames)
+{
+    Recording open;
+    two_at_once([](int who) {
+        const Bytes frame = sdv::frame(picture(uint32_t(who) + 1, 2000));
+        for (int i = 0; i < 3000; ++i) EXPECT_EQ(push(frame), 0);
+    });
+    EXPECT_EQ(StopRecordEx(0), 0);
+    EXPECT_EQ(expect_sound(open.path).chunks.size(), 6000u);
+}
+
 TEST(Stream, FramesByMode)
 {
     const std::tuple<uint16_t, uint32_t, bool> rows[] = {

@@ -1,3 +1,5 @@
+#include <atomic>
+
 #include "net_support.h"
 
 TEST(TcpClient, ConnectsInOrderAndTalks)
@@ -39,6 +41,43 @@ TEST(TcpClient, ConnectsInOrderAndTalks)
         EXPECT_EQ(read_up_to(accept(listener, nullptr, nullptr), 4), "hel");
     });
     EXPECT_EQ(reports, "client is not disconnect\nclient is not disconnect\n");
+}
+
+TEST(TcpClient, ARefusedOpenKeepsNoDescriptor)
+{
+    in_layer(1, 1, [] {
+        TcpClient* client = os_tcp_client_create();
+        os_tcp_client_set_local(client, text("127.0.0.1"), port_of(bound_socket()));
+        const int next = dup(0);
+        close(next);
+        EXPECT_EQ(os_tcp_client_open(client, -1), 0);
+        EXPECT_EQ(dup(0), next);
+    });
+}
+
+// Destroying waits for the callback that runs, and slots are given back one by one.
+TEST(TcpClient, DestroyedByOtherThreads)
+{
+    in_layer(8, 1, [] {
+        static std::atomic<bool> inside;
+        Watched watched;
+        const int peer = open_pair(watched);
+        watched.then = [](char what) {
+            if (what != 'R') return;
+            inside = true;
+            os_sleep(50);
+            inside = false;
+        };
+        EXPECT_TRUE(send_all(peer, "x"));
+        while (!inside) std::this_thread::yield();
+        EXPECT_EQ(os_tcp_client_destroy(watched.client), 1);
+        EXPECT_FALSE(inside);
+
+        two_at_once([](int) {
+            for (int i = 0; i < 20000; ++i) os_tcp_client_destroy(os_tcp_client_create());
+        });
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(os_tcp_client_create()->index, i);
+    });
 }
 
 TEST(TcpClient, TheEndIsToldOnce)
