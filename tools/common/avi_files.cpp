@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include <sys/file.h>
 #include <unistd.h>
 
 namespace tools {
@@ -46,12 +45,12 @@ namespace {
 bool open_file(AviFiles& files, std::string& why)
 {
     const time_t start = files.streamStart + seconds_now() - files.streamCame;
-    if (!take_name(files.name, files.directory, start, why)) return false;
+    files.lock = std::make_shared<FileLock>();
+    if (!take_name(files.name, files.directory, start, *files.lock, why)) return false;
 
     const std::string part = files.name.part_name();
     why = part + ": cannot be opened";
     if (StartRecord(0, part.c_str(), 1) != 0) return false;
-    flock(fileno(job.m_fsRec), LOCK_EX | LOCK_NB); // tells a repair to leave it alone
     files.room = {fileno(job.m_fsRec), 0};
     files.opened = std::chrono::steady_clock::now();
     files.cut = false;
@@ -74,7 +73,8 @@ bool is_full(const AviFiles& files)
 {
     if (!job.m_fsRec || !job.m_bWriteHead) return false;
     const auto age = std::chrono::steady_clock::now() - files.opened;
-    return files.cut || file_size() >= files.maxSize || (files.maxTime.count() > 0 && age >= files.maxTime);
+    return files.cut || is_index_full() || file_size() >= files.maxSize ||
+           (files.maxTime.count() > 0 && age >= files.maxTime);
 }
 
 } // namespace
@@ -96,6 +96,7 @@ void begin_stream(AviFiles& files)
     complete_header(job.m_Header);
     files.streamStart = start_of(job.m_Header).value_or(local_now());
     files.streamCame = seconds_now();
+    files.index = {};
 }
 
 bool record_frame(AviFiles& files, std::span<uint8_t> frame, std::string& why)
@@ -107,6 +108,8 @@ bool record_frame(AviFiles& files, std::span<uint8_t> frame, std::string& why)
         why = files.name.part_name() + ": there is no room for more: " + why;
         return false;
     }
+    frame = bound_index(files.index, frame);
+    if (frame.empty()) return true;
     const bool first = !job.m_bWriteHead;
     RecordAviEx(frame.data(), int(frame.size()));
     if (!first || !job.m_bWriteHead || write_first_headers()) return true;
@@ -132,12 +135,13 @@ bool finish_file(AviFiles& files, std::string& why)
         log_msg(encrypted ? "nothing could be recorded: the stream is encrypted and needs its key"
                           : "nothing could be recorded");
         unlink(part.c_str());
+        files.lock.reset();
         return true;
     }
     why = part + ": could not be written whole, and may not play";
     if (trouble == 1) return false;
     if (trouble == 2) log_msg("frames were left out: no key frame came before the file was 4 GiB long");
-    files.finished({files.name, pictures_recorded(), conversion_report()});
+    files.finished({files.name, pictures_recorded(), conversion_report(), std::move(files.lock)});
     return true;
 }
 

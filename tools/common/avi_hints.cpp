@@ -1,7 +1,6 @@
 #include "avi_hints.h"
 
 #include "Quorlin.h"
-#include "avi_check.h"
 #include "frame_cutter.h"
 #include "sps.h"
 
@@ -98,9 +97,8 @@ bool hints_of_avi(const std::string& path, AviHints& hints, std::string& why)
     return true;
 }
 
-AviHints hints_of_torn_avi(const std::string& path)
+AviHints hints_of_torn_avi(const avi::Report& report)
 {
-    const avi::Report report = avi::check_file(path);
     if (report.moviOffset == 0) return {};
     const uint64_t area = report.moviOffset - sizeof(AVI_FrameHeader);
     const auto wrong = [area](const avi::Finding& finding) {

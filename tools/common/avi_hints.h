@@ -1,6 +1,8 @@
 // What is in an AVI file's headers and not in its chunks.
 #pragma once
 
+#include "avi_check.h"
+
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -30,6 +32,6 @@ void add_hints(AviHints& hints, const AviHints& others);
 AviHints hints_of_sps(std::span<const uint8_t> nal);
 
 // What a file's own headers tell when nothing in them is wrong but sizes and counts.
-AviHints hints_of_torn_avi(const std::string& path);
+AviHints hints_of_torn_avi(const avi::Report& report);
 
 } // namespace tools
