@@ -25,7 +25,7 @@ bool outgrows_chunks()
     const uint64_t index = index_size();
     if (index <= Suspicious) return false;
     const uint64_t heads = uint64_t(job.m_iTotalFrames) * sizeof(AVI_FrameHeader);
-    return index > uint64_t(ftello(job.m_fsRec)) - heads;
+    return index + heads > uint64_t(ftello(job.m_fsRec));
 }
 
 // The header moves up to the picture. An enciphered frame keeps what stands in front of the picture: the
