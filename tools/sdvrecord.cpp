@@ -403,8 +403,8 @@ void on_second(void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
     Camera& camera = recorder.camera;
-    if (recorder.over) return;
     tell_published(recorder);
+    if (recorder.over) return;
     if (!camera.client) {
         if (recorder.caller && --recorder.untilCall <= 0) call(recorder);
         return;
