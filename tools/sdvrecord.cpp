@@ -403,7 +403,7 @@ void on_second(void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
     Camera& camera = recorder.camera;
-    tell_published(recorder);
+    if (!recorder.over || recorder.recovering) tell_published(recorder); // at the end there is more patience
     if (recorder.over) return;
     if (!camera.client) {
         if (recorder.caller && --recorder.untilCall <= 0) call(recorder);
