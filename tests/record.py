@@ -199,27 +199,66 @@ def every_event():
 
 
 def killed():
-    """What a killed run left is finished by the next one; the files of a run that lives are its own."""
+    """What a killed run left is finished by the next one; the files of a run that lives beside are its own."""
     silent, sound = recording(sound=None)[0], recording()[0]
     late = sound[:88] + silent[88:5000] + sound[88:]  # audio that joins behind the first frames
     for what, stream in ("sound", sound), ("silent", silent), ("late", late):
         out = f"out-{what}"
-        part = Path(out) / f"{START}.avi.part"
-        with Run(out=out) as run, run.connect() as camera:
-            camera.sendall(stream[: len(stream) // 2])
-            run.until("pictures", lambda: part.exists() and part.stat().st_size > 50_000)
-            with Run(out=out) as other:
-                other.send_signal(signal.SIGTERM)
-                other.end(0, [part.name])
+        part, live = [Path(out) / f"{START}{number}.avi.part" for number in ("", "-2")]
+        with Run(out=out) as run, run.connect() as camera, Run(out=out) as beside, beside.connect() as second:
+            for path, peer in (part, camera), (live, second):
+                peer.sendall(stream[: len(stream) // 2])
+                run.until("pictures", lambda: path.exists() and path.stat().st_size > 50_000)
             assert "being written" in run_tool(AVICHECK, "--repair", part, code=1).stderr
             run.kill()
             run.wait()
-        part.with_name("20260101-000000.avi.part").touch()
-        part.with_name("20260102-000000.avi.part").write_bytes(b"no AVI file")
-        with Run("--json", out=out) as run:
+            part.with_name("20260101-000000.avi.part").touch()
+            part.with_name("20260102-000000.avi.part").write_bytes(b"no AVI file")
+            with Run("--json", out=out) as run:
+                assert "no chunks" in run.event("not_repaired")["what"]
+                expect("repaired", run.event("repaired")["path"], str(part)[:-5])
+                run.send_signal(signal.SIGTERM)
+                run.end(0, ["20260102-000000.avi.part", live.name, part.stem])
+            second.sendall(stream[len(stream) // 2 :])
+            second.shutdown(socket.SHUT_WR)
+            beside.until("its file", lambda: not live.exists())
+            assert 130 < run.pictures() < 170, f"{run.pictures()} pictures"
+            assert (b"01wb" in part.with_name(part.stem).read_bytes()) == (what != "silent"), what
+
+
+def long_repair():
+    """The camera does not wait for it, nor does SIGTERM; --once ends behind it. A hole takes minutes to read."""
+    stream, _ = recording(sound=None)
+    with Run() as run, run.connect() as camera:
+        camera.sendall(stream[: len(stream) // 2])
+        part = run.out / f"{START}.avi.part"
+        run.until("pictures", lambda: part.exists() and part.stat().st_size > 50_000)
+        run.kill()
+    size = part.stat().st_size
+    for what, once in ("a signal", []), ("the end", ["--once"]):
+        os.truncate(part, 1 << 40)
+        with Run("--json", *once) as run:
+            run.send(stream)
+            run.event("lost")
+            run.until("that it waits", lambda: not once or "still being finished" in run.log())
             run.send_signal(signal.SIGTERM)
-            run.end(0, ["20260102-000000.avi.part", part.stem])
-            assert 30 < run.pictures() < 70, f"{run.pictures()} pictures"
+            expect(what, "interrupted" in run.event("not_repaired")["what"], True)
+            run.end(0)
+        os.truncate(part, size)
+    with Run("--once") as run:
+        run.send(stream)
+        run.end(0, [f"{START}{number}.avi" for number in ("-2", "-3", "-4", "")])
+        assert 330 < run.pictures() < 370, f"{run.pictures()} pictures"
+
+
+def little_memory():
+    """Chunks of no length are 8 bytes in the file, and millions of them are held nowhere."""
+    key = b"\0\0\0\1\x65"
+    Path("a.avi.part").write_bytes(bytes(224) + b"00dc" + len(key).to_bytes(4, "little") + key + b"0" + 3_000_000 * b"00dc\0\0\0\0")
+    known = "--width", "352", "--height", "288", "--rate", "25"
+    for options in ("--repair", *known), ():
+        limit = lambda: resource.setrlimit(resource.RLIMIT_AS, (40 << 20, 40 << 20))
+        assert "3000001 pictures" in run_tool(AVICHECK, *options, "a.avi.part", preexec_fn=limit).stdout
 
 
 def limit_size(run, most):
@@ -363,5 +402,5 @@ def unit():
 
 if __name__ == "__main__":
     go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file,
-                                                     every_event, killed, failing_disk, full_disk, messages_unread,
-                                                     place, nothing, unit))
+                                                     every_event, killed, long_repair, little_memory, failing_disk,
+                                                     full_disk, messages_unread, place, nothing, unit))

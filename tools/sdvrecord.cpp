@@ -78,6 +78,8 @@ struct Recorder
     Refused refused;
     tools::AviFiles files;
     tools::Publisher publisher;
+    tools::Recovery recovery;
+    bool recovering = false;
     int published = 0;
     bool posted = false;
     std::optional<cli::Exit> failed;
@@ -108,6 +110,47 @@ void tell_recovered(Recorder& recorder, const tools::Recovered& file)
     cli::tell(recorder.events, file.finished ? "repaired" : "not_repaired", details,
               file.finished ? text : "");
     if (!file.finished) note(recorder, text);
+}
+
+// ---- what earlier runs left
+
+struct MainLock
+{
+    MainLock() { os_main_lock(); }
+    MainLock(const MainLock&) = delete;
+    MainLock& operator=(const MainLock&) = delete;
+    ~MainLock() { os_main_unlock(); }
+};
+
+// Beside the camera that may already be there.
+void begin_recovery(Recorder& recorder)
+{
+    tools::Recovery& recovery = recorder.recovery;
+    recovery.directory = recorder.options.directory;
+    recovery.told = [&recorder](const tools::Recovered& file) {
+        const MainLock lock;
+        tell_recovered(recorder, file);
+    };
+    recovery.withJob = [](const std::function<void()>& work) {
+        const MainLock lock;
+        work();
+    };
+    recovery.ended = [&recorder] {
+        const MainLock lock;
+        recorder.recovering = false;
+        if (recorder.over) pthread_kill(recorder.mainThread, SIGUSR1);
+    };
+    recorder.recovering = true;
+    start_recovery(recovery);
+}
+
+// Nobody is in a hurry when the last recording has ended by itself.
+bool is_to_wait(Recorder& recorder)
+{
+    const MainLock lock;
+    if (recorder.failed || !recorder.recovering) return false;
+    note(recorder, "the recording is over; what an earlier run left is still being finished");
+    return true;
 }
 
 // ---- ending
@@ -448,8 +491,8 @@ void on_second(void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
     Camera& camera = recorder.camera;
+    if (!recorder.over || recorder.recovering) tell_published(recorder); // at the end there is more patience
     if (recorder.over) return;
-    tell_published(recorder);
     tell_refused(recorder, Clock::now());
     if (!camera.client) {
         if (recorder.caller && --recorder.untilCall <= 0) call(recorder);
@@ -510,15 +553,19 @@ bool start(Recorder& recorder, std::string& why)
     return true;
 }
 
-// Until a signal to end, ours or another's.
+// Until a signal to end, ours or another's. Ours, if there was one, is the result.
 int wait_for_end(Recorder& recorder, const sigset_t& signals)
 {
+    bool over = false;
     for (int number = 0;;) {
         sigwait(&signals, &number);
-        if (number != SIGHUP) return number;
-        os_main_lock();
-        tools::cut_file(recorder.files);
-        os_main_unlock();
+        over |= number == SIGUSR1;
+        if (number == SIGHUP) {
+            const MainLock lock;
+            tools::cut_file(recorder.files);
+        } else if (number != SIGUSR1 || !is_to_wait(recorder)) {
+            return over ? SIGUSR1 : number;
+        }
     }
 }
 
@@ -541,9 +588,8 @@ void fill(Recorder& recorder, const cli::RecordOptions& options)
     recorder.files.stalled = [&recorder] { tell_stalled(recorder); };
     recorder.files.resumed = [&recorder] { tell_resumed(recorder); };
     recorder.publisher.withJob = [](const std::function<void()>& work) {
-        os_main_lock();
+        const MainLock lock;
         work();
-        os_main_unlock();
     };
 }
 
@@ -570,17 +616,16 @@ int run(const cli::RecordOptions& options)
     Recorder recorder;
     fill(recorder, options);
     cli::open_events(recorder.events, dup(silence.saved), options.json);
-    tools::DirectoryUse use;
-    tools::use_directory(use, options.directory,
-                         [&recorder](const tools::Recovered& file) { tell_recovered(recorder, file); });
     tools::start_publishing(recorder.publisher);
     if (!os_startup(4, 1)) return fail(cli::Failed, "the event loop cannot be started");
 
     os_main_lock();
     const bool started = start(recorder, why);
     os_main_unlock();
+    if (started) begin_recovery(recorder);
     const int number = started ? wait_for_end(recorder, signals) : 0;
 
+    tools::end_recovery(recorder.recovery);
     os_main_lock(); // at last for good: the loop is to touch nothing any more
     recorder.over = true;
     if (recorder.camera.client) let_go(recorder, "the recorder ends");
@@ -602,6 +647,7 @@ try {
     if (const auto over = cli::parse_record_options(options, argc, argv)) return *over;
 
     tools::fill_standard_descriptors();
+    tools::raise_descriptor_limit();
     return run(options);
 } catch (const std::exception& error) {
     return cli::give_up("sdvrecord", error);

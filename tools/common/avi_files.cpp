@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include <sys/file.h>
 #include <unistd.h>
 
 namespace tools {
@@ -49,7 +48,8 @@ namespace {
 bool open_file(AviFiles& files, std::string& why)
 {
     const time_t start = files.streamStart + seconds_now() - files.streamCame;
-    if (!take_name(files.name, files.directory, start, why)) return false;
+    files.lock = std::make_shared<FileLock>();
+    if (!take_name(files.name, files.directory, start, *files.lock, why)) return false;
 
     const std::string part = files.name.part_name();
     if (StartRecord(0, part.c_str(), 1) != 0) {
@@ -57,7 +57,6 @@ bool open_file(AviFiles& files, std::string& why)
         unlink(part.c_str());
         return false;
     }
-    flock(fileno(job.m_fsRec), LOCK_EX | LOCK_NB); // tells a repair to leave it alone
     files.room = {fileno(job.m_fsRec), 0};
     files.opened = Clock::now();
     files.cut = false;
@@ -98,12 +97,12 @@ bool begin_file(AviFiles& files, bool key)
     return false;
 }
 
-FinishedFile torn_file(const AviFiles& files)
+FinishedFile torn_file(AviFiles& files)
 {
     const S_FileHeader& header = job.m_Header;
     const AviHints hints = {header.Width,     header.Height,        header.FrameRate,
                             job.m_iHaveAudio, header.SamplesPerSec, header.AChannels};
-    return {files.name, pictures_recorded(), conversion_report(), hints};
+    return {files.name, pictures_recorded(), conversion_report(), hints, std::move(files.lock)};
 }
 
 // A stop would now write an index of chunks that are not there.
@@ -141,7 +140,8 @@ bool is_full(const AviFiles& files)
 {
     if (!job.m_fsRec || !job.m_bWriteHead) return false;
     const auto age = Clock::now() - files.opened;
-    return files.cut || file_size() >= files.maxSize || (files.maxTime.count() > 0 && age >= files.maxTime);
+    return files.cut || is_index_full() || file_size() >= files.maxSize ||
+           (files.maxTime.count() > 0 && age >= files.maxTime);
 }
 
 // False, and errno, when the disk did not take it.
@@ -177,6 +177,7 @@ void begin_stream(AviFiles& files)
     files.streamStart = start_of(job.m_Header).value_or(local_now());
     files.streamCame = seconds_now();
     files.notWritten = 0;
+    files.index = {};
 }
 
 void record_frame(AviFiles& files, std::span<uint8_t> frame)
@@ -193,6 +194,8 @@ void record_frame(AviFiles& files, std::span<uint8_t> frame)
         finish_file(files);
         return stall(files, files.name.part_name() + ": there is no room for more: " + why);
     }
+    frame = bound_index(files.index, frame);
+    if (frame.empty()) return;
     if (!push_frame(frame)) {
         why = "cannot be written: " + std::string(errno ? strerror(errno) : "the disk did not take it");
         files.notWritten += conversion_report().u64FramesNotWritten;
@@ -221,6 +224,7 @@ void finish_file(AviFiles& files)
         log_msg(encrypted ? "nothing could be recorded: the stream is encrypted and needs its key"
                           : "nothing could be recorded");
         unlink(part.c_str());
+        files.lock.reset();
         return;
     }
     if (trouble == 2) log_msg("frames were left out: no key frame came before the file was 4 GiB long");

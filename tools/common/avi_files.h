@@ -4,11 +4,13 @@
 #include "Quorlin.h"
 #include "avi_hints.h"
 #include "disk_room.h"
+#include "index_bound.h"
 #include "recording_name.h"
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -24,7 +26,8 @@ struct FinishedFile
     RecordingName name;
     int pictures = 0;
     SdvReport report{};
-    std::optional<AviHints> torn; // the disk did not take all of it: a repair is to finish it, with these
+    std::optional<AviHints> torn;   // the disk did not take all of it: a repair is to finish it, with these
+    std::shared_ptr<FileLock> lock; // until it has its name
 };
 
 // The first key frame behind one of the limits begins a new file. The time is that of our clock, as it is for
@@ -46,6 +49,8 @@ struct AviFiles
     time_t streamCame = 0;  // the same moment by our own clock, in seconds
 
     RecordingName name; // of the open file
+    std::shared_ptr<FileLock> lock;
+    IndexBound index;
     std::chrono::steady_clock::time_point opened;
     DiskRoom room;
 

@@ -1,7 +1,6 @@
 #include "avi_hints.h"
 
 #include "Quorlin.h"
-#include "avi_check.h"
 #include "frame_cutter.h"
 #include "sps.h"
 
@@ -117,9 +116,8 @@ uint32_t late_audio_note(int code, uint8_t channels)
     return LateAudio | uint32_t{channels} << 8 | uint32_t(code);
 }
 
-AviHints hints_of_torn_avi(const std::string& path)
+AviHints hints_of_torn_avi(const avi::Report& report)
 {
-    const avi::Report report = avi::check_file(path);
     if (report.moviOffset == 0) return {};
     const uint64_t area = report.moviOffset - sizeof(AVI_FrameHeader);
     const auto wrong = [area, &report](const avi::Finding& finding) {

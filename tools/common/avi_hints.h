@@ -1,6 +1,8 @@
 // What is in an AVI file's headers and not in its chunks.
 #pragma once
 
+#include "avi_check.h"
+
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -35,6 +37,6 @@ constexpr int LateAudioAt = 72;
 uint32_t late_audio_note(int code, uint8_t channels);
 
 // What a file's own headers tell when nothing in them is wrong but sizes and counts.
-AviHints hints_of_torn_avi(const std::string& path);
+AviHints hints_of_torn_avi(const avi::Report& report);
 
 } // namespace tools

@@ -1,6 +1,7 @@
 #include "publisher.h"
 #include "avi_bytes.h"
 #include "avi_repair.h"
+#include "file_lock.h"
 #include "files.h"
 
 #include <algorithm>
@@ -31,11 +32,11 @@ bool mend(Publisher& publisher, FinishedFile& file, std::string& why)
 {
     const std::string part = file.name.part_name();
     bool mended = false;
-    const auto repair = [&] { mended = repair_avi(part, *file.torn, why); };
     if (access(part.c_str(), W_OK) == 0)
-        publisher.withJob(repair);
+        mended = repair_locked(part, *file.torn, {nullptr, publisher.withJob}, why);
     else
         why = strerror(errno);
+    if (mended && !still_names(part, *file.lock)) lock_file(part, *file.lock); // it was written anew
     if (mended) file.pictures = count_pictures(part);
     return mended;
 }
