@@ -27,12 +27,12 @@ TIMEOUT = 30
 class Run(subprocess.Popen):
     """A recorder in a directory of its own; at the end it has ended by itself or is made to."""
 
-    def __init__(self, *options, out="out", env={}, **more):
+    def __init__(self, *options, out="out", env={}, log=None, **more):
         self.out = Path(out)
         self.out.mkdir(exist_ok=True)
         where = [] if "--connect" in options else ["--listen", "127.0.0.1:0"]
         super().__init__([SDVRECORD, *where, "--out", out, *options], stdout=subprocess.PIPE, text=True,
-                         stderr=open(out + ".log", "w"), env={**os.environ, **env}, **more)
+                         stderr=log or open(out + ".log", "w"), env={**os.environ, **env}, **more)
         first = str(self.event("started")) if "--json" in options else self.stdout.readline()
         address = re.search(r"(?:listening on |'listen': '|'connect': ')\w[\w.]*:(\d+)", first)
         assert address, f"first line: {first}, {self.log()}"
@@ -58,7 +58,8 @@ class Run(subprocess.Popen):
         raise AssertionError(f"no event {name}: {self.log()}")
 
     def log(self):
-        return Path(str(self.out) + ".log").read_text()
+        log = Path(str(self.out) + ".log")
+        return log.read_text() if log.exists() else "(nobody reads it)"
 
     def names(self):
         return sorted(path.name for path in self.out.iterdir())
@@ -198,42 +199,186 @@ def every_event():
 
 
 def killed():
-    """What a killed run left is finished by the next one; the files of a run that lives are its own."""
-    for sound in TONE, None:
-        stream, _ = recording(sound=sound)
-        out = f"out{sound}"
-        part = Path(out) / f"{START}.avi.part"
-        with Run(out=out) as run, run.connect() as camera:
-            camera.sendall(stream[: len(stream) // 2])
-            run.until("pictures", lambda: part.exists() and part.stat().st_size > 50_000)
-            with Run(out=out) as other:
-                other.send_signal(signal.SIGTERM)
-                other.end(0, [part.name])
+    """What a killed run left is finished by the next one; the files of a run that lives beside are its own."""
+    silent, sound = recording(sound=None)[0], recording()[0]
+    late = sound[:88] + silent[88:5000] + sound[88:]  # audio that joins behind the first frames
+    for what, stream in ("sound", sound), ("silent", silent), ("late", late):
+        out = f"out-{what}"
+        part, live = [Path(out) / f"{START}{number}.avi.part" for number in ("", "-2")]
+        with Run(out=out) as run, run.connect() as camera, Run(out=out) as beside, beside.connect() as second:
+            for path, peer in (part, camera), (live, second):
+                peer.sendall(stream[: len(stream) // 2])
+                run.until("pictures", lambda: path.exists() and path.stat().st_size > 50_000)
             assert "being written" in run_tool(AVICHECK, "--repair", part, code=1).stderr
             run.kill()
             run.wait()
-        part.with_name("20260101-000000.avi.part").touch()
-        part.with_name("20260102-000000.avi.part").write_bytes(b"no AVI file")
-        with Run("--json", out=out) as run:
+            part.with_name("20260101-000000.avi.part").touch()
+            part.with_name("20260102-000000.avi.part").write_bytes(b"no AVI file")
+            with Run("--json", out=out) as run:
+                assert "no chunks" in run.event("not_repaired")["what"]
+                expect("repaired", run.event("repaired")["path"], str(part)[:-5])
+                run.send_signal(signal.SIGTERM)
+                run.end(0, ["20260102-000000.avi.part", live.name, part.stem])
+            second.sendall(stream[len(stream) // 2 :])
+            second.shutdown(socket.SHUT_WR)
+            beside.until("its file", lambda: not live.exists())
+            assert 130 < run.pictures() < 170, f"{run.pictures()} pictures"
+            assert (b"01wb" in part.with_name(part.stem).read_bytes()) == (what != "silent"), what
+
+
+def long_repair():
+    """The camera does not wait for it, nor does SIGTERM; --once ends behind it. A hole takes minutes to read."""
+    stream, _ = recording(sound=None)
+    with Run() as run, run.connect() as camera:
+        camera.sendall(stream[: len(stream) // 2])
+        part = run.out / f"{START}.avi.part"
+        run.until("pictures", lambda: part.exists() and part.stat().st_size > 50_000)
+        run.kill()
+    size = part.stat().st_size
+    for what, once in ("a signal", []), ("the end", ["--once"]):
+        os.truncate(part, 1 << 40)
+        with Run("--json", *once) as run:
+            run.send(stream)
+            run.event("lost")
+            run.until("that it waits", lambda: not once or "still being finished" in run.log())
             run.send_signal(signal.SIGTERM)
-            run.end(0, ["20260102-000000.avi.part", part.stem])
-            assert 30 < run.pictures() < 70, f"{run.pictures()} pictures"
+            expect(what, "interrupted" in run.event("not_repaired")["what"], True)
+            run.end(0)
+        os.truncate(part, size)
+    with Run("--once") as run:
+        run.send(stream)
+        run.end(0, [f"{START}{number}.avi" for number in ("-2", "-3", "-4", "")])
+        assert 330 < run.pictures() < 370, f"{run.pictures()} pictures"
+
+
+def little_memory():
+    """Chunks of no length are 8 bytes in the file, and millions of them are held nowhere."""
+    key = b"\0\0\0\1\x65"
+    Path("a.avi.part").write_bytes(bytes(224) + b"00dc" + len(key).to_bytes(4, "little") + key + b"0" + 3_000_000 * b"00dc\0\0\0\0")
+    known = "--width", "352", "--height", "288", "--rate", "25"
+    for options in ("--repair", *known), ():
+        limit = lambda: resource.setrlimit(resource.RLIMIT_AS, (40 << 20, 40 << 20))
+        assert "3000001 pictures" in run_tool(AVICHECK, *options, "a.avi.part", preexec_fn=limit).stdout
+
+
+def limit_size(run, most):
+    """What the recorder's disk takes, whatever it has promised before."""
+    resource.prlimit(run.pid, resource.RLIMIT_FSIZE, (most, resource.RLIM_INFINITY))
+
+
+def send_on(run, stream, true):
+    """A camera that goes on until something is the case."""
+    with run.connect() as camera:
+        camera.sendall(stream[:88])
+        def go_on():
+            camera.sendall(stream[88:])
+            time.sleep(0.1)
+            return true()
+        run.until("the recorder's answer", go_on)
+        return camera.getsockname()[1]
+
+
+def failing_disk():
+    """A write fails in the middle of a frame: the camera stays, the file is finished, another one begun in time."""
+    stream, _ = recording()
+    room = resource.RLIM_INFINITY
+    with Run("--json", "--preview") as run:
+        part = run.out / f"{START}.avi.part"
+        names, stage = lambda: [name for name in run.names() if name.endswith(".avi")], []
+
+        def next_stage():
+            size = part.stat().st_size if part.exists() else 0
+            if not stage and size > 100_000:
+                limit_size(run, size + 1000)
+                stage.append("refused")
+            elif stage == ["refused"] and "cannot be finished" in run.log():
+                assert names() == [] and part.exists(), run.names()
+                limit_size(run, room)
+                stage.append("taken")
+            return len(stage) == 2 and "recording goes on" in run.log() and len(names()) == 1
+
+        send_on(run, stream, next_stage)
+        run.send_signal(signal.SIGTERM)
+        told = {(event := json.loads(line))["event"]: event for line in reversed(list(run.stdout))}
+        assert "File too large" in told["stalled"]["reason"], told
+        lost = told["resumed"]["not_written"]
+        assert lost > 10 and lost == told["lost"]["not_written"], told
+        assert told["not_finished"]["path"] == str(part) and told["stopped"]["exit_code"] == 0, told
+        run.end(0)
+        expect("files", (names(), len(names())), (run.names(), 2))
+        assert run.pictures() > 100, run.names()
 
 
 def full_disk():
+    """What is there is finished; the recorder waits for room, and ends with 6 as long as there is none."""
     stream, _ = recording()
     small = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (150_000, 150_000))
+    with Run("--once", out="limit", preexec_fn=small) as run:
+        run.send(stream)
+        run.end(6, [f"{START}.avi"])
+        assert "no room" in run.log() and 20 < run.pictures() < 100, f"{run.pictures()}, {run.log()}"
     os.mkdir("disk")
-    mount = ["mount", "-t", "tmpfs", "-o", "size=160k", "tmpfs", "disk"]
+    mount = ["mount", "-t", "tmpfs", "-o", "size=8M", "tmpfs", "disk"]
+    if os.geteuid() != 0 or subprocess.run(mount, capture_output=True).returncode:
+        return
     with contextlib.ExitStack() as at_end:
-        mounted = os.geteuid() == 0 and subprocess.run(mount, capture_output=True).returncode == 0
-        if mounted:
-            at_end.callback(run_tool, "umount", "disk")
-        for out, limit in [("limit", small)] + [("disk", None)] * mounted:
-            with Run(out=out, preexec_fn=limit) as run:
-                run.send(stream)
-                run.end(6, [f"{START}.avi"])
-                assert "no room" in run.log() and 20 < run.pictures() < 100, f"{run.pictures()}, {run.log()}"
+        at_end.callback(run_tool, "umount", "disk")
+        Path("disk/other").write_bytes(bytes((8 << 20) - (160 << 10)))
+        with Run(out="disk") as run:
+            send_on(run, stream, lambda: "no room" in run.log() and f"{START}.avi" in run.names())
+            assert [name for name in run.names() if name.endswith("part")] == [], run.names()
+            Path("disk/other").unlink()
+            send_on(run, stream, lambda: "recording goes on" in run.log())
+            run.send_signal(signal.SIGTERM)
+            run.end(0)
+            assert run.pictures() > 20, run.names()
+
+
+def messages_unread():
+    """Nobody reads standard error, and strangers knock: the recording goes on, and ends when it is to."""
+    stream, avi = recording()
+    reader, writer = os.pipe()
+    os.write(writer, bytes(60_000))
+    with Run("--json", log=writer) as run, run.connect() as camera:
+        camera.sendall(stream[:1000])
+        run.event("connected")
+        for _ in range(900):
+            with run.connect() as stranger:
+                assert stranger.recv(1) == b"", "a stranger is not sent away"
+        camera.sendall(stream[1000:])
+        camera.shutdown(socket.SHUT_WR)
+        run.until("its file", lambda: run.names() == [f"{START}.avi"])
+        run.send_signal(signal.SIGTERM)
+        events = [json.loads(line) for line in run.stdout]
+        refused = [event["count"] for event in events if event["event"] == "refused"]
+        assert sum(refused) == 900 and len(refused) < 20 and events[-1]["event"] == "stopped", events
+        run.end(0, [f"{START}.avi"])
+    assert (run.out / f"{START}.avi").read_bytes() == avi
+    os.close(writer)
+    os.close(reader)
+
+
+def place():
+    """Who keeps the place without frames loses it, and at once to the same camera; a slow one keeps it."""
+    stream, avi = recording()
+    with Run("--idle", "3") as run, run.connect() as slow:
+        slow.sendall(stream[:1000])
+        for at in range(1000, 5000, 800):  # the first frame, at a kilobyte a second and a little more
+            time.sleep(0.7)
+            slow.sendall(stream[at : at + 800])
+        assert "has gone" not in run.log(), run.log()
+        for at in range(20):
+            time.sleep(0.3)
+            with contextlib.suppress(ConnectionError):
+                slow.sendall(b"x")
+        assert "no frame for 3 s" in run.log(), run.log()
+        with run.connect() as dead:
+            dead.sendall(stream[:1000])
+            run.until("a camera", lambda: run.log().count("is connected") == 2)
+            time.sleep(2.1)
+            run.send(stream)
+            run.until("its file", lambda: run.names() and all(name.endswith("avi") for name in run.names()))
+        assert "called anew" in run.log() and "refused" not in run.log(), run.log()
 
 
 def nothing():
@@ -257,4 +402,5 @@ def unit():
 
 if __name__ == "__main__":
     go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file,
-                                                     every_event, killed, full_disk, nothing, unit))
+                                                     every_event, killed, long_repair, little_memory, failing_disk,
+                                                     full_disk, messages_unread, place, nothing, unit))

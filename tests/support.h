@@ -127,5 +127,6 @@ struct Chunk
 
 // The AVI file is sound; and it holds exactly these chunks, or the video of these frames.
 avi::Report expect_sound(const std::string& path);
+std::vector<avi::Chunk> sound_chunks(const std::string& path);
 void expect_chunks(const std::string& path, const std::vector<Chunk>& want);
 void expect_video(const std::string& path, const Frames& frames);

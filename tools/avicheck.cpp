@@ -41,12 +41,6 @@ const char* coding(uint16_t formatTag)
     }
 }
 
-int64_t count(const avi::Report& report, const char* id)
-{
-    return std::count_if(report.chunks.begin(), report.chunks.end(),
-                         [id](const avi::Chunk& chunk) { return chunk.id == id; });
-}
-
 Json streams_of(const avi::Report& report)
 {
     if (report.moviOffset == 0) return Json::array();
@@ -55,7 +49,7 @@ Json streams_of(const avi::Report& report)
                      {"height", report.height},
                      {"rate", report.rate},
                      {"length", report.videoLength},
-                     {"chunks", count(report, "00dc")}}};
+                     {"chunks", report.videoChunks}}};
     const avi::Audio& audio = report.audio;
     if (audio.present)
         streams.push_back({{"type", "audio"},
@@ -63,7 +57,7 @@ Json streams_of(const avi::Report& report)
                            {"channels", audio.channels},
                            {"rate", audio.sampleRate},
                            {"length", audio.length},
-                           {"chunks", count(report, "01wb")}});
+                           {"chunks", report.audioChunks}});
     return streams;
 }
 
@@ -116,8 +110,7 @@ int check(const Options& options)
     int worst = cli::Fine;
     Json all = Json::array();
     for (const std::string& path : options.files) {
-        avi::Report report = avi::check_file(path);
-        avi::check_pictures(path, report);
+        const avi::Report report = avi::check_file(path, {.pictures = true});
         worst = std::max(worst, exit_code(report));
         if (options.json)
             all.push_back(as_json(path, report));

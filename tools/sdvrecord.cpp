@@ -9,8 +9,10 @@
 #include "frame_cutter.h"
 #include "human.h"
 #include "key.h"
+#include "messages.h"
 #include "part_files.h"
 #include "publisher.h"
+#include "pulse.h"
 #include "report_text.h"
 
 #include <algorithm>
@@ -22,6 +24,7 @@
 #include <utility>
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -36,6 +39,9 @@ constexpr int ReadsInRow = 64;
 
 constexpr int LongestPause = 30; // seconds between two calls of a camera that does not answer
 
+constexpr std::chrono::seconds SumTime{10};    // refused connections are told together
+constexpr std::chrono::seconds ReplaceTime{2}; // of silence, for the same camera to come anew
+
 struct Camera
 {
     TcpClient* client = nullptr; // none is there, nor called
@@ -47,7 +53,15 @@ struct Camera
     uint64_t bytes = 0;
     int readsInRow = 0;
     bool unread = false; // something may wait that no event will tell of
-    Clock::time_point heard;
+    tools::Pulse pulse;
+};
+
+// Connections that came while a camera was there, and were not told of yet.
+struct Refused
+{
+    uint64_t count = 0;
+    std::string peer; // the last one
+    Clock::time_point nextTold;
 };
 
 // Guarded by the main lock, which every callback holds.
@@ -61,8 +75,11 @@ struct Recorder
     int pause = 1, untilCall = 0; // seconds
     Camera camera;
     cli::Told told;
+    Refused refused;
     tools::AviFiles files;
     tools::Publisher publisher;
+    tools::Recovery recovery;
+    bool recovering = false;
     int published = 0;
     bool posted = false;
     std::optional<cli::Exit> failed;
@@ -95,6 +112,47 @@ void tell_recovered(Recorder& recorder, const tools::Recovered& file)
     if (!file.finished) note(recorder, text);
 }
 
+// ---- what earlier runs left
+
+struct MainLock
+{
+    MainLock() { os_main_lock(); }
+    MainLock(const MainLock&) = delete;
+    MainLock& operator=(const MainLock&) = delete;
+    ~MainLock() { os_main_unlock(); }
+};
+
+// Beside the camera that may already be there.
+void begin_recovery(Recorder& recorder)
+{
+    tools::Recovery& recovery = recorder.recovery;
+    recovery.directory = recorder.options.directory;
+    recovery.told = [&recorder](const tools::Recovered& file) {
+        const MainLock lock;
+        tell_recovered(recorder, file);
+    };
+    recovery.withJob = [](const std::function<void()>& work) {
+        const MainLock lock;
+        work();
+    };
+    recovery.ended = [&recorder] {
+        const MainLock lock;
+        recorder.recovering = false;
+        if (recorder.over) pthread_kill(recorder.mainThread, SIGUSR1);
+    };
+    recorder.recovering = true;
+    start_recovery(recovery);
+}
+
+// Nobody is in a hurry when the last recording has ended by itself.
+bool is_to_wait(Recorder& recorder)
+{
+    const MainLock lock;
+    if (recorder.failed || !recorder.recovering) return false;
+    note(recorder, "the recording is over; what an earlier run left is still being finished");
+    return true;
+}
+
 // ---- ending
 
 // The main thread takes it from here.
@@ -123,10 +181,26 @@ void tell_published(Recorder& recorder)
             cli::tell_finished(recorder.events, published);
             continue;
         }
-        note(recorder, published.trouble);
-        recorder.failed = cli::NoOutput;
-        if (!recorder.over) end(recorder);
+        note(recorder, published.trouble + (published.last ? "" : "; it is tried again"));
+        cli::tell(recorder.events, "not_finished",
+                  {{"path", published.file.name.part_name()}, {"reason", published.trouble}}, "");
+        if (published.last) recorder.failed = cli::NoOutput;
     }
+}
+
+void tell_stalled(Recorder& recorder)
+{
+    const std::string& trouble = recorder.files.trouble;
+    cli::tell(recorder.events, "stalled", {{"reason", trouble}}, "");
+    note(recorder, trouble + "; what comes is lost until a file can be written again");
+}
+
+void tell_resumed(Recorder& recorder)
+{
+    const std::string part = recorder.files.name.part_name();
+    const uint64_t lost = recorder.files.notWritten;
+    cli::tell(recorder.events, "resumed", {{"path", part}, {"not_written", lost}}, "");
+    note(recorder, part + ": recording goes on; " + tools::counted(lost, "frame") + " lost");
 }
 
 // ---- the stream
@@ -159,10 +233,11 @@ bool take_stream(Recorder& recorder)
         if (header.empty()) return true;
         if (!prepare(recorder, header)) return false;
     }
-    for (std::string why;;) {
+    for (;;) {
         const auto frame = sdv::take_frame(camera.cutter, job.m_Header.Mode);
         if (frame.empty()) return true;
-        if (!tools::record_frame(recorder.files, frame, why)) return give_up(recorder, cli::NoOutput, why);
+        tools::hear_frame(camera.pulse);
+        tools::record_frame(recorder.files, frame);
     }
 }
 
@@ -188,7 +263,7 @@ bool read_some(Recorder& recorder)
         sdv::add_piece(camera.cutter, size_t(got));
         total += size_t(got);
         camera.bytes += uint64_t(got);
-        camera.heard = Clock::now();
+        tools::hear_bytes(camera.pulse, uint64_t(got));
         if (!take_stream(recorder)) return false;
     }
     read_later(recorder);
@@ -248,8 +323,7 @@ void tell_unreachable(Recorder& recorder, const std::string& why)
 
 void finish_stream(Recorder& recorder)
 {
-    std::string why;
-    if (!tools::finish_file(recorder.files, why)) give_up(recorder, cli::NoOutput, why);
+    tools::finish_file(recorder.files);
     const SdvReport report = tools::conversion_report();
     if (report.u64DroppedNoKey || report.u64DroppedWrongKey) recorder.whyNothing = cli::KeyTrouble;
     QuorlinRelease();
@@ -263,11 +337,14 @@ void tell_lost(Recorder& recorder, const Camera& camera)
                {"reason", camera.whyLost},
                {"bytes", camera.bytes},
                {"bytes_skipped", camera.cutter.skipped},
-               {"bytes_cut_off", cut}},
+               {"bytes_cut_off", cut},
+               {"not_written", camera.prepared ? recorder.files.notWritten : 0}},
               "");
     note(recorder, camera.peer + " has gone: " + camera.whyLost);
     if (cut && camera.prepared && !recorder.failed)
         note(recorder, "it went inside a frame: " + tools::counted(cut, "byte") + " of it left out");
+    if (camera.prepared && recorder.files.notWritten)
+        note(recorder, tools::counted(recorder.files.notWritten, "frame") + " of it could not be written");
     if (camera.cutter.skipped) note(recorder, tools::counted(camera.cutter.skipped, "byte") + " in no frame");
 }
 
@@ -292,31 +369,73 @@ std::string peer_of(TcpClient* client)
     return std::string(ip) + ":" + std::to_string(port);
 }
 
+// A peer whose machine has gone says nothing, and sends no end either.
+void watch_peer(int fd)
+{
+    const int on = 1, idle = 10, pause = 5, times = 3;
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &pause, sizeof(pause));
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &times, sizeof(times));
+}
+
 void greet(Recorder& recorder, TcpClient* client, const std::string& peer)
 {
     Camera& camera = recorder.camera;
     camera.client = client;
     camera.there = true;
     camera.peer = peer;
-    camera.heard = Clock::now();
-    recorder.told = {0, camera.heard};
+    tools::begin_pulse(camera.pulse);
+    recorder.told = {0, camera.pulse.since};
+    watch_peer(client->connectfd);
     os_tcp_client_bind_read(client, on_read, &recorder);
     os_tcp_client_bind_disconnect(client, on_disconnect, &recorder);
     cli::tell(recorder.events, "connected", {{"peer", peer}}, "");
     note(recorder, peer + " is connected");
 }
 
+void tell_refused(Recorder& recorder, Clock::time_point now)
+{
+    Refused& refused = recorder.refused;
+    if (refused.count == 0 || now < refused.nextTold) return;
+    cli::tell(recorder.events, "refused", {{"peer", refused.peer}, {"count", refused.count}}, "");
+    note(recorder, refused.count == 1
+                       ? refused.peer + " is refused: there is a camera already"
+                       : "refused " + tools::counted(refused.count, "connection") + " in " +
+                             std::to_string(SumTime.count()) + " s, the last from " + refused.peer);
+    refused.count = 0;
+    refused.nextTold = now + SumTime;
+}
+
+// A camera that comes back while nothing has told yet that its connection is dead. What has arrived of it was
+// not silence.
+bool takes_the_place(Recorder& recorder, TcpClient* newcomer)
+{
+    Camera& camera = recorder.camera;
+    char ip[16], other[16];
+    uint16 port = 0;
+    if (!camera.there || recorder.over || !tools::is_silent(camera.pulse, ReplaceTime)) return false;
+    os_tcp_client_get_remote(camera.client, ip, &port);
+    os_tcp_client_get_remote(newcomer, other, &port);
+    if (strcmp(ip, other) != 0) return false;
+    const bool alive = read_some(recorder);
+    if (alive && !tools::is_silent(camera.pulse, ReplaceTime)) return false;
+    let_go(recorder, alive ? "it fell silent, and was called anew from its address" : "");
+    return !recorder.over;
+}
+
 void on_accept(TcpServer*, TcpClient* client, void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
-    if (recorder.camera.client || recorder.over) {
-        const std::string peer = peer_of(client);
-        cli::tell(recorder.events, "refused", {{"peer", peer}}, "");
-        note(recorder, peer + " is refused: there is a camera already");
+    const std::string peer = peer_of(client);
+    if (recorder.over || (recorder.camera.client && !takes_the_place(recorder, client))) {
+        ++recorder.refused.count;
+        recorder.refused.peer = peer;
+        tell_refused(recorder, Clock::now());
         os_tcp_client_destroy(client);
         return;
     }
-    greet(recorder, client, peer_of(client));
+    greet(recorder, client, peer);
 }
 
 void on_connect(TcpClient* client, void* context)
@@ -346,7 +465,7 @@ void call(Recorder& recorder)
     if (ip.empty()) return tell_unreachable(recorder, why);
 
     recorder.camera.client = recorder.caller;
-    recorder.camera.heard = Clock::now();
+    tools::begin_pulse(recorder.camera.pulse);
     os_tcp_client_set_remote(recorder.caller, ip.data(), endpoint->port);
     os_tcp_client_bind_connect(recorder.caller, on_connect, &recorder);
     os_tcp_client_bind_write(recorder.caller, on_write, &recorder);
@@ -356,12 +475,25 @@ void call(Recorder& recorder)
     tell_unreachable(recorder, why);
 }
 
+// What has arrived meanwhile counts: it may be us who were kept from reading.
+void drop_idle(Recorder& recorder)
+{
+    Camera& camera = recorder.camera;
+    const std::chrono::seconds time(recorder.options.idle);
+    if (!tools::is_idle(camera.pulse, time)) return;
+    start_row(recorder);
+    if (camera.there && !read_some(recorder)) return let_go(recorder, "");
+    if (tools::is_idle(camera.pulse, time))
+        let_go(recorder, "no frame for " + std::to_string(recorder.options.idle) + " s");
+}
+
 void on_second(void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
     Camera& camera = recorder.camera;
+    if (!recorder.over || recorder.recovering) tell_published(recorder); // at the end there is more patience
     if (recorder.over) return;
-    tell_published(recorder);
+    tell_refused(recorder, Clock::now());
     if (!camera.client) {
         if (recorder.caller && --recorder.untilCall <= 0) call(recorder);
         return;
@@ -369,13 +501,14 @@ void on_second(void* context)
     if (camera.there && recorder.options.preview)
         cli::tell_recording(recorder.events, recorder.told, camera.peer,
                             job.m_fsRec ? recorder.files.name.part_name() : "", camera.bytes,
-                            job.m_fsRec ? tools::conversion_report() : SdvReport{});
+                            job.m_fsRec ? tools::conversion_report() : SdvReport{},
+                            camera.prepared ? recorder.files.notWritten : 0);
     if (camera.unread) {
         start_row(recorder);
         read_later(recorder);
-    } else if (Clock::now() - camera.heard >= std::chrono::seconds(recorder.options.idle)) {
-        let_go(recorder, "silent for " + std::to_string(recorder.options.idle) + " s");
+        return;
     }
+    drop_idle(recorder);
 }
 
 // ---- the program
@@ -420,21 +553,26 @@ bool start(Recorder& recorder, std::string& why)
     return true;
 }
 
-// Until a signal to end, ours or another's.
+// Until a signal to end, ours or another's. Ours, if there was one, is the result.
 int wait_for_end(Recorder& recorder, const sigset_t& signals)
 {
+    bool over = false;
     for (int number = 0;;) {
         sigwait(&signals, &number);
-        if (number != SIGHUP) return number;
-        os_main_lock();
-        tools::cut_file(recorder.files);
-        os_main_unlock();
+        over |= number == SIGUSR1;
+        if (number == SIGHUP) {
+            const MainLock lock;
+            tools::cut_file(recorder.files);
+        } else if (number != SIGUSR1 || !is_to_wait(recorder)) {
+            return over ? SIGUSR1 : number;
+        }
     }
 }
 
 cli::Exit outcome(const Recorder& recorder, int number)
 {
     if (recorder.failed) return *recorder.failed;
+    if (!recorder.files.trouble.empty()) return cli::NoOutput;
     return number == SIGUSR1 && recorder.published == 0 ? recorder.whyNothing : cli::Fine;
 }
 
@@ -447,37 +585,54 @@ void fill(Recorder& recorder, const cli::RecordOptions& options)
     recorder.files.finished = [&recorder](const tools::FinishedFile& file) {
         tools::publish_later(recorder.publisher, file);
     };
+    recorder.files.stalled = [&recorder] { tell_stalled(recorder); };
+    recorder.files.resumed = [&recorder] { tell_resumed(recorder); };
+    recorder.publisher.withJob = [](const std::function<void()>& work) {
+        const MainLock lock;
+        work();
+    };
+}
+
+// The publisher may need the job meanwhile.
+bool await_published(Recorder& recorder)
+{
+    os_main_unlock();
+    const bool any = tools::await_published(recorder.publisher);
+    os_main_lock();
+    return any;
 }
 
 int run(const cli::RecordOptions& options)
 {
     std::string why;
     if (!set_key(options, why)) return fail(cli::KeyTrouble, why);
-    if (access(options.directory.c_str(), W_OK | X_OK) != 0)
+    if (access((options.directory + "/.").c_str(), W_OK | X_OK) != 0)
         return fail(cli::NoOutput, options.directory + ": " + strerror(errno));
 
     const sigset_t signals = tools::block_signals();
+    const bool drawn = !options.json && cli::has_colour(STDOUT_FILENO) && cli::has_colour(STDERR_FILENO);
+    const tools::Messages messages(drawn ? "\r\033[K" : "");
     const tools::Silence silence;
     Recorder recorder;
     fill(recorder, options);
     cli::open_events(recorder.events, dup(silence.saved), options.json);
-    tools::DirectoryUse use;
-    tools::use_directory(use, options.directory,
-                         [&recorder](const tools::Recovered& file) { tell_recovered(recorder, file); });
     tools::start_publishing(recorder.publisher);
     if (!os_startup(4, 1)) return fail(cli::Failed, "the event loop cannot be started");
 
     os_main_lock();
     const bool started = start(recorder, why);
     os_main_unlock();
+    if (started) begin_recovery(recorder);
     const int number = started ? wait_for_end(recorder, signals) : 0;
 
-    os_main_lock(); // for good: the loop is to touch nothing any more
+    tools::end_recovery(recorder.recovery);
+    os_main_lock(); // at last for good: the loop is to touch nothing any more
     recorder.over = true;
     if (recorder.camera.client) let_go(recorder, "the recorder ends");
     os_cleanup();
     recorder.events.patience = 5000; // that many files may come at once
-    while (tools::await_published(recorder.publisher)) tell_published(recorder);
+    tell_refused(recorder, recorder.refused.nextTold);
+    while (await_published(recorder)) tell_published(recorder);
     if (!started) return fail(cli::Failed, why);
     const cli::Exit code = outcome(recorder, number);
     cli::tell(recorder.events, "stopped", {{"files", recorder.published}, {"exit_code", int(code)}}, "");
@@ -492,6 +647,7 @@ try {
     if (const auto over = cli::parse_record_options(options, argc, argv)) return *over;
 
     tools::fill_standard_descriptors();
+    tools::raise_descriptor_limit();
     return run(options);
 } catch (const std::exception& error) {
     return cli::give_up("sdvrecord", error);

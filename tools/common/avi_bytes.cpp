@@ -15,7 +15,8 @@ uint32_t load(const uint8_t* at, size_t size)
     return value;
 }
 
-File::File(const std::string& path) : fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
+File::File(const std::string& path, const std::atomic<bool>* toStop)
+    : fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)), stop(toStop)
 {
     struct stat status;
     if (fd < 0) return;
@@ -33,10 +34,15 @@ File::~File()
     if (fd >= 0) close(fd);
 }
 
+bool is_stopped(const File& file)
+{
+    return file.stop && *file.stop;
+}
+
 size_t read_at(const File& file, uint64_t offset, uint8_t* to, size_t count)
 {
     size_t done = 0;
-    while (done < count) {
+    while (done < count && !is_stopped(file)) {
         const ssize_t got = pread(file.fd, to + done, count - done, off_t(offset + done));
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;
@@ -53,7 +59,9 @@ const uint8_t* look(Window& window, uint64_t offset, size_t count)
         window.held = read_at(window.file, window.begin, window.bytes.data(), window.bytes.size());
     }
     const uint64_t skip = offset - window.begin;
-    return window.held >= skip + count ? &window.bytes[skip] : nullptr;
+    if (window.held >= skip + count) return &window.bytes[skip];
+    window.failed = true;
+    return nullptr;
 }
 
 uint32_t look_word(Window& window, uint64_t offset)

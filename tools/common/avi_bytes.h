@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -21,17 +22,21 @@ constexpr uint32_t fcc(const char (&text)[5])
 // A little-endian number of up to 4 bytes.
 uint32_t load(const uint8_t* at, size_t size);
 
-// A regular file, open for reading; fd is -1, and errno the reason, when it is none.
+// A regular file, open for reading; fd is -1, and errno the reason, when it is none. Once `stop` is set,
+// nothing can be read of it any more, so that every walk through it ends soon.
 struct File
 {
     int fd = -1;
     uint64_t length = 0;
+    const std::atomic<bool>* stop = nullptr;
 
-    explicit File(const std::string& path);
+    explicit File(const std::string& path, const std::atomic<bool>* toStop = nullptr);
     ~File();
     File(const File&) = delete;
     File& operator=(const File&) = delete;
 };
+
+bool is_stopped(const File& file);
 
 // Bytes read at an offset; fewer than asked for at the end of the file or after an error.
 size_t read_at(const File& file, uint64_t offset, uint8_t* to, size_t count);
@@ -43,6 +48,8 @@ struct Window
     std::array<uint8_t, 4096> bytes{};
     uint64_t begin = 0;
     size_t held = 0;
+    bool failed =
+        false; // bytes that the file holds could not be read: what follows from that is worth nothing
 
     explicit Window(const File& of) : file(of) {}
 };

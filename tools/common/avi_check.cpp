@@ -75,10 +75,14 @@ void find(Report& report, uint64_t offset, const char* format, ...)
     report.findings.push_back({offset, text});
 }
 
-Report check_file(const std::string& path)
+Report check_file(const std::string& path, const Look& look)
+{
+    return check_file(File(path), look);
+}
+
+Report check_file(const File& file, const Look& look)
 {
     Report report;
-    const File file(path);
     if (file.fd < 0) {
         find(report, 0, "the file cannot be read: %s", strerror(errno));
         report.kind = Kind::unreadable;
@@ -102,21 +106,8 @@ Report check_file(const std::string& path)
     if (!riffSizeHolds)
         find(report, 4, "the RIFF size is %" PRIu32 ", the file has %" PRIu64 " bytes behind it", riffSize,
              file.length - 8);
-    check_counts(report, header, check_movi(report, file, area, riffSizeHolds));
+    check_counts(report, header, check_movi(report, file, area, riffSizeHolds, look));
     return report;
-}
-
-void check_pictures(const std::string& path, Report& report)
-{
-    const File file(path);
-    uint8_t start[4];
-    for (const Chunk& chunk : report.chunks) {
-        if (chunk.id != "00dc" || chunk.size == 0) continue;
-        const size_t held = read_at(file, chunk.offset + 8, start, chunk.size < 4 ? chunk.size : 4);
-        const uint32_t code = held == 4 ? load(start, 4) : 0;
-        if ((code & 0xFFFFFF) != 0x010000 && code != 0x01000000)
-            find(report, chunk.offset + 8, "the picture begins without a start code");
-    }
 }
 
 std::string describe(const Report& report)
@@ -138,17 +129,6 @@ std::vector<uint8_t> chunk_bytes(const std::string& path, const Chunk& chunk)
     std::vector<uint8_t> bytes(size_t(chunk.size < rest ? chunk.size : rest));
     bytes.resize(read_at(file, chunk.offset + 8, bytes.data(), bytes.size()));
     return bytes;
-}
-
-std::vector<uint8_t> stream_bytes(const std::string& path, const Report& report, const std::string& id)
-{
-    std::vector<uint8_t> all;
-    for (const Chunk& chunk : report.chunks) {
-        if (chunk.id != id) continue;
-        const std::vector<uint8_t> bytes = chunk_bytes(path, chunk);
-        all.insert(all.end(), bytes.begin(), bytes.end());
-    }
-    return all;
 }
 
 } // namespace avi

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,27 +45,34 @@ struct Report
 {
     Kind kind = Kind::avi;
     std::vector<Finding> findings; // empty: the file is sound
-    std::vector<Chunk> chunks;     // in file order
+    uint32_t videoChunks = 0, audioChunks = 0;
     uint32_t width = 0, height = 0, rate = 0, videoLength = 0;
     uint32_t sampleRate = 0; // as the main header's data rate tells it, also without audio
     Audio audio;
+    uint32_t reserved = 0;   // the main header's first reserved field
     uint64_t moviOffset = 0; // of the "movi" FourCC
 
     bool sound() const { return findings.empty(); }
 };
 
-// Check a file on disk. One that cannot be read is a finding.
-Report check_file(const std::string& path);
+struct Look
+{
+    // Also into the video chunks: each that is not empty is to begin with an H.264 start code. A file is no
+    // less playable as a container when it does not.
+    bool pictures = false;
+    std::function<void(const Chunk&)> each = {}; // is told of the chunks in file order; nothing keeps a list
+};
 
-// What lies in the video chunks: each that is not empty is to begin with an H.264 start code. A check of its
-// own, since a file is no less playable as a container.
-void check_pictures(const std::string& path, Report& report);
+// Check a file on disk. One that cannot be read, or not to its end, is a finding.
+Report check_file(const std::string& path, const Look& look = {});
+
+struct File;
+Report check_file(const File& file, const Look& look = {});
 
 // All findings, one a line.
 std::string describe(const Report& report);
 
-// The data bytes of all chunks with that id, one behind the other, and of one chunk.
-std::vector<uint8_t> stream_bytes(const std::string& path, const Report& report, const std::string& id);
+// The data bytes of one chunk.
 std::vector<uint8_t> chunk_bytes(const std::string& path, const Chunk& chunk);
 
 } // namespace avi

@@ -126,6 +126,7 @@ void check_video_header(Report& report, const Header& header, bool withAudio)
     report.rate = load(&header[132], 4);
     report.sampleRate = load(&header[36], 4) / 5;
     report.videoLength = load(&header[140], 4);
+    report.reserved = load(&header[72], 4);
     expect(report, header, {160, 2, report.width & 0xFFFF, "rcFrame.right"});
     expect(report, header, {162, 2, report.height & 0xFFFF, "rcFrame.bottom"});
     expect(report, header, {176, 4, report.width, "biWidth"});

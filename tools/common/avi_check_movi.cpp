@@ -7,8 +7,6 @@
 namespace avi {
 namespace {
 
-constexpr size_t MaxChunks = size_t{1} << 24; // what a report lists; bounds its memory for hostile files
-
 std::string id_text(uint32_t id)
 {
     std::string text;
@@ -163,19 +161,23 @@ bool repair(Window& chunks, Window& entries, Movi& movi, const Index& index, uin
     return false;
 }
 
-void keep(Report& report, Movi& movi, uint64_t at, const Head& head, bool key)
+void check_picture(Report& report, Window& chunks, uint64_t at, uint32_t size)
 {
-    Counts& counts = movi.counts;
+    const uint8_t* start = size < 4 ? nullptr : look(chunks, at, 4);
+    const uint32_t code = start ? load(start, 4) : 0;
+    if (size > 0 && (code & 0xFFFFFF) != 0x010000 && code != 0x01000000)
+        find(report, at, "the picture begins without a start code");
+}
+
+void count(Counts& counts, const Head& head)
+{
     (head.id == fcc("00dc") ? counts.video : counts.audio) += 1;
     if (head.id == fcc("00dc") && head.size > counts.largest) counts.largest = head.size;
-    if (report.chunks.size() < MaxChunks)
-        report.chunks.push_back({head.id == fcc("00dc") ? "00dc" : "01wb", at, head.size, key});
-    else if (report.chunks.size() == size_t{counts.video} + counts.audio - 1)
-        find(report, at, "more than %zu chunks; further ones are not listed", MaxChunks);
 }
 
 // Chunk by chunk, each beside its index entry.
-void check_chunks(Report& report, Window& chunks, Window& entries, Movi& movi, const Index& index)
+void check_chunks(Report& report, Window& chunks, Window& entries, Movi& movi, const Index& index,
+                  const Look& look)
 {
     uint64_t number = 0, at = movi.base + 4;
     movi.counts.whole = true;
@@ -208,11 +210,15 @@ void check_chunks(Report& report, Window& chunks, Window& entries, Movi& movi, c
         }
         if (report.audio.present == false && head.id == fcc("01wb"))
             find(report, at, "an audio chunk, but no audio stream");
-        const uint8_t* pad = head.size & 1 ? look(chunks, head.end - 1, 1) : nullptr;
+        const uint8_t* pad = head.size & 1 ? avi::look(chunks, head.end - 1, 1) : nullptr;
         if (head.size & 1 && (!pad || *pad != 0x30)) find(report, head.end - 1, "the pad byte is not 0x30");
-        bool known = take_entry(report, entries, movi, index, at, head.end, number, entry);
+        if (look.pictures && head.id == fcc("00dc")) check_picture(report, chunks, at + 8, head.size);
+        const bool known = take_entry(report, entries, movi, index, at, head.end, number, entry);
         if (known) compare(report, at, index.begin + 16 * (number - 1), head, entry);
-        keep(report, movi, at, head, known && (entry.flags & 0x10));
+        count(movi.counts, head);
+        if (look.each)
+            look.each(
+                {head.id == fcc("00dc") ? "00dc" : "01wb", at, head.size, known && (entry.flags & 0x10)});
         at = head.end;
     }
     if (movi.unindexed && index.begin)
@@ -224,10 +230,10 @@ void check_chunks(Report& report, Window& chunks, Window& entries, Movi& movi, c
 
 } // namespace
 
-Counts check_movi(Report& report, const File& file, uint32_t area, bool riffSizeHolds)
+Counts check_movi(Report& report, const File& file, uint32_t area, bool riffSizeHolds, const Look& look)
 {
     Window chunks(file), entries(file);
-    const uint8_t* list = look(chunks, area, 12);
+    const uint8_t* list = avi::look(chunks, area, 12);
     if (!list) {
         find(report, area, "no room for a movi list");
         return {};
@@ -240,8 +246,12 @@ Counts check_movi(Report& report, const File& file, uint32_t area, bool riffSize
     if (find_movi_end(report, chunks, area, movi))
         index = check_index_header(report, entries, movi.end, riffSizeHolds);
     report.moviOffset = movi.base;
-    check_chunks(report, chunks, entries, movi, index);
-    if (movi.counts.whole && report.chunks.empty()) find(report, movi.base, "the movi list is empty");
+    check_chunks(report, chunks, entries, movi, index, look);
+    report.videoChunks = movi.counts.video;
+    report.audioChunks = movi.counts.audio;
+    if (chunks.failed || entries.failed) find(report, movi.base, "the file cannot be read to its end");
+    if (movi.counts.whole && movi.counts.video + movi.counts.audio == 0)
+        find(report, movi.base, "the movi list is empty");
     return movi.counts;
 }
 

@@ -30,6 +30,6 @@ struct Counts
 };
 
 // The movi list at `area`, and the index. `riffSizeHolds`: the RIFF list ends where the file does.
-Counts check_movi(Report& report, const File& file, uint32_t area, bool riffSizeHolds);
+Counts check_movi(Report& report, const File& file, uint32_t area, bool riffSizeHolds, const Look& look);
 
 } // namespace avi

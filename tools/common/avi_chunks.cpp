@@ -12,29 +12,49 @@ constexpr uint32_t MoviHeader = sizeof(AVI_MoviHeader);
 constexpr uint64_t EntrySize = sizeof(AVI_IndexEntity);
 constexpr size_t FirstLook = 512;     // where the first slice mostly begins
 constexpr size_t LastLook = 1u << 20; // most frames are no bigger
+constexpr size_t SpsLook = 1u << 16;  // parameter sets stand in front of the first slice
 constexpr uint32_t LargestChunk = 2u << 20;
 constexpr uint8_t Idr = 5, Sps = 7;
 constexpr uint32_t KeyFlag = 0x10;
 
-std::vector<uint8_t> chunk_start(const avi::File& file, uint64_t at, uint32_t size, size_t most)
+uint64_t count_of(const AviChunks& chunks)
 {
-    std::vector<uint8_t> bytes(std::min<size_t>(size, most));
-    bytes.resize(avi::read_at(file, at + 8, bytes.data(), bytes.size()));
-    return bytes;
+    return uint64_t{chunks.pictures} + chunks.audio;
 }
 
-bool is_key(const avi::File& file, uint64_t at, uint32_t size)
+// The chunks one behind the other, with a view into their first bytes.
+struct Walk
 {
-    uint8_t type = 0;
-    for (const size_t most : {FirstLook, LastLook}) {
-        if (type == 0) type = annexb::first_slice_type(chunk_start(file, at, size, most));
+    avi::Window window;
+    std::vector<uint8_t> bytes; // of a chunk whose start does not do
+
+    explicit Walk(const avi::File& file) : window(file) {}
+};
+
+std::span<const uint8_t> chunk_start(Walk& walk, uint64_t at, uint32_t size, size_t most)
+{
+    const size_t count = std::min<size_t>(size, most);
+    if (count == 0) return {};
+    if (count <= FirstLook) {
+        const uint8_t* start = avi::look(walk.window, at + 8, count);
+        return {start, start ? count : 0};
     }
+    walk.bytes.resize(count);
+    const size_t got = avi::read_at(walk.window.file, at + 8, walk.bytes.data(), count);
+    if (got != count) walk.window.failed = true;
+    return {walk.bytes.data(), got};
+}
+
+bool is_key(Walk& walk, uint64_t at, uint32_t size)
+{
+    uint8_t type = annexb::first_slice_type(chunk_start(walk, at, size, FirstLook));
+    if (type == 0 && size > FirstLook) type = annexb::first_slice_type(chunk_start(walk, at, size, LastLook));
     return type == Idr;
 }
 
-void look_for_sps(const avi::File& file, uint64_t at, uint32_t size, AviChunks& chunks)
+void look_for_sps(Walk& walk, uint64_t at, uint32_t size, AviChunks& chunks)
 {
-    const auto bytes = chunk_start(file, at, size, LastLook);
+    const auto bytes = chunk_start(walk, at, size, SpsLook);
     const auto nals = annexb::split_nals(bytes);
     const auto found =
         std::find_if(nals.begin(), nals.end(), [](const auto& nal) { return nal.type == Sps; });
@@ -42,15 +62,20 @@ void look_for_sps(const avi::File& file, uint64_t at, uint32_t size, AviChunks& 
         chunks.sps.assign(bytes.begin() + long(found->payload), bytes.begin() + long(found->end));
 }
 
-void keep(const avi::File& file, uint64_t at, const avi::Head& head, AviChunks& chunks)
+bool is_key_chunk(Walk& walk, uint64_t at, const avi::Head& head)
 {
-    const bool video = head.id == avi::fcc("00dc");
-    const bool key = !video || is_key(file, at, head.size);
-    if (video && key && chunks.sps.empty()) look_for_sps(file, at, head.size, chunks);
-    if (video) chunks.largest = std::max(chunks.largest, head.size);
-    (video ? chunks.pictures : chunks.audio) += 1;
-    const auto offset = uint32_t(at - chunks.area - MoviHeader + 4); // from the "movi"
-    chunks.index.push_back({head.id, key ? KeyFlag : 0, offset, head.size});
+    return head.id != avi::fcc("00dc") || is_key(walk, at, head.size);
+}
+
+void keep(Walk& walk, uint64_t at, const avi::Head& head, AviChunks& chunks)
+{
+    if (head.id != avi::fcc("00dc")) {
+        ++chunks.audio;
+        return;
+    }
+    ++chunks.pictures;
+    chunks.largest = std::max(chunks.largest, head.size);
+    if (chunks.sps.empty() && is_key(walk, at, head.size)) look_for_sps(walk, at, head.size, chunks);
 }
 
 // Chunks begin behind a header area of one of two sizes.
@@ -90,7 +115,7 @@ bool may_be_cut(avi::Window& window, const AviChunks& chunks, uint64_t zeros)
     const uint64_t cut = zeros > chunks.end ? zeros - chunks.end : 0;
     avi::Head head{};
     if (cut < sizeof(AVI_FrameHeader) || !avi::read_head(window, chunks.end, head)) return true;
-    if (head.id == avi::fcc("idx1")) return cut <= 8 + EntrySize * chunks.index.size();
+    if (head.id == avi::fcc("idx1")) return cut <= 8 + EntrySize * count_of(chunks);
     return avi::is_stream(head.id) && head.size <= LargestChunk;
 }
 
@@ -98,28 +123,45 @@ bool may_be_cut(avi::Window& window, const AviChunks& chunks, uint64_t zeros)
 
 bool read_chunks(const avi::File& file, AviChunks& chunks, std::string& why)
 {
-    avi::Window window(file);
-    if (!find_first(window, chunks)) {
+    Walk walk(file);
+    if (!find_first(walk.window, chunks)) {
         why = "no chunks where those of a recording begin";
         return false;
     }
     const uint64_t zeros = find_zeros(file);
     avi::Head head{};
     chunks.end = chunks.area + MoviHeader;
-    while (avi::read_head(window, chunks.end, head) && avi::is_stream(head.id) &&
+    while (avi::read_head(walk.window, chunks.end, head) && avi::is_stream(head.id) &&
            !is_torn(file, head, zeros)) {
-        keep(file, chunks.end, head, chunks);
+        keep(walk, chunks.end, head, chunks);
         chunks.end = head.end;
-        if (chunks.end + 8 + EntrySize * chunks.index.size() >= avi::SizeLimit) {
+        if (chunks.end + 8 + EntrySize * count_of(chunks) >= avi::SizeLimit) {
             why = "longer than an AVI file can be";
             return false;
         }
     }
     chunks.cut = file.length - chunks.end;
     why = "no whole chunk in it";
-    if (chunks.index.empty()) return false;
+    if (count_of(chunks) == 0) return false;
     why = "what lies at offset " + std::to_string(chunks.end) + " is no torn chunk";
-    return may_be_cut(window, chunks, zeros);
+    if (!may_be_cut(walk.window, chunks, zeros)) return false;
+    why = "it cannot be read to its end";
+    return !walk.window.failed && !avi::is_stopped(file);
+}
+
+bool each_entry(const avi::File& file, const AviChunks& chunks,
+                const std::function<bool(const AVI_IndexEntity&)>& take)
+{
+    Walk walk(file);
+    avi::Head head{};
+    uint64_t count = 0;
+    for (uint64_t at = chunks.area + MoviHeader; at < chunks.end; at = head.end, ++count) {
+        if (!avi::read_head(walk.window, at, head) || !avi::is_stream(head.id)) return false;
+        const uint32_t flags = is_key_chunk(walk, at, head) ? KeyFlag : 0;
+        const auto offset = uint32_t(at - chunks.area - MoviHeader + 4); // from the "movi"
+        if (walk.window.failed || !take({head.id, flags, offset, head.size})) return false;
+    }
+    return count == count_of(chunks);
 }
 
 } // namespace tools

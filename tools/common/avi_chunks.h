@@ -4,6 +4,7 @@
 #include "Quorlin.h"
 #include "avi_bytes.h"
 
+#include <functional>
 #include <vector>
 
 namespace tools {
@@ -14,12 +15,16 @@ struct AviChunks
     uint64_t end = 0;  // behind the last whole one
     uint64_t cut = 0;  // bytes of a torn one behind it
     uint32_t pictures = 0, audio = 0, largest = 0;
-    std::vector<AVI_IndexEntity> index;
     std::vector<uint8_t> sps; // the first one in the video, empty when there is none
 };
 
 // False, and the reason in `why`, when there are none, or when something else lies behind them: what is cut
 // off shall be known to be a torn chunk, or an index that was being written.
 bool read_chunks(const avi::File& file, AviChunks& chunks, std::string& why);
+
+// Go through those chunks once more, for the index: a file may hold more entries than there is memory. Ends
+// where `take` gives false. False as well when the file cannot be read, or is no longer what it was.
+bool each_entry(const avi::File& file, const AviChunks& chunks,
+                const std::function<bool(const AVI_IndexEntity&)>& take);
 
 } // namespace tools

@@ -1,7 +1,6 @@
 #include "avi_hints.h"
 
 #include "Quorlin.h"
-#include "avi_check.h"
 #include "frame_cutter.h"
 #include "sps.h"
 
@@ -17,6 +16,7 @@ namespace {
 constexpr int AudioCodes[] = {1, 2, 22};
 constexpr uint32_t MaxRate = 30; // of a recording
 constexpr uint32_t UsualAudioRate = 8000;
+constexpr uint32_t LateAudio = 0x41550000; // with the channels and the coding below
 
 int code_of(uint16_t formatTag)
 {
@@ -24,9 +24,23 @@ int code_of(uint16_t formatTag)
     return formatTag == 6 ? 1 : 2;
 }
 
+bool is_audio_code(int code)
+{
+    return std::find(std::begin(AudioCodes), std::end(AudioCodes), code) != std::end(AudioCodes);
+}
+
+bool is_late_audio(uint32_t note)
+{
+    return (note & 0xFFFF0000) == LateAudio && is_audio_code(note & 0xFF);
+}
+
 AviHints hints_of(const avi::Report& report)
 {
     AviHints hints{report.width, report.height, report.rate, 0, report.sampleRate, std::nullopt};
+    if (!report.audio.present && is_late_audio(report.reserved)) {
+        hints.audioCode = int(report.reserved & 0xFF);
+        hints.channels = report.reserved >> 8 & 0xFF;
+    }
     if (!report.audio.present) return hints;
     hints.audioCode = code_of(report.audio.formatTag);
     hints.audioRate = report.audio.sampleRate;
@@ -54,8 +68,7 @@ int find_audio_code(std::istream& input, int mode)
         for (auto frame = sdv::take_frame(cutter, mode); !frame.empty();
              frame = sdv::take_frame(cutter, mode)) {
             const int code = frame[offsetof(S_FrameHeader, u8ACoder)];
-            if (std::find(std::begin(AudioCodes), std::end(AudioCodes), code) != std::end(AudioCodes))
-                return code;
+            if (is_audio_code(code)) return code;
         }
     }
     return 0;
@@ -98,12 +111,17 @@ bool hints_of_avi(const std::string& path, AviHints& hints, std::string& why)
     return true;
 }
 
-AviHints hints_of_torn_avi(const std::string& path)
+uint32_t late_audio_note(int code, uint8_t channels)
 {
-    const avi::Report report = avi::check_file(path);
+    return LateAudio | uint32_t{channels} << 8 | uint32_t(code);
+}
+
+AviHints hints_of_torn_avi(const avi::Report& report)
+{
     if (report.moviOffset == 0) return {};
     const uint64_t area = report.moviOffset - sizeof(AVI_FrameHeader);
-    const auto wrong = [area](const avi::Finding& finding) {
+    const auto wrong = [area, &report](const avi::Finding& finding) {
+        if (finding.offset == LateAudioAt && is_late_audio(report.reserved)) return false;
         constexpr uint64_t Counts[] = {4, 48, 60, 140, 144, 264};
         return finding.offset < area &&
                std::find(std::begin(Counts), std::end(Counts), finding.offset) == std::end(Counts);

@@ -1,6 +1,8 @@
 // What is in an AVI file's headers and not in its chunks.
 #pragma once
 
+#include "avi_check.h"
+
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -29,7 +31,12 @@ void add_hints(AviHints& hints, const AviHints& others);
 // From a sequence parameter set.
 AviHints hints_of_sps(std::span<const uint8_t> nal);
 
+// Audio that joins a file which was laid out without it has no headers there until the file is finished. So
+// that a repair knows its coding, this number stands meanwhile where finished files have a 0.
+constexpr int LateAudioAt = 72;
+uint32_t late_audio_note(int code, uint8_t channels);
+
 // What a file's own headers tell when nothing in them is wrong but sizes and counts.
-AviHints hints_of_torn_avi(const std::string& path);
+AviHints hints_of_torn_avi(const avi::Report& report);
 
 } // namespace tools

@@ -2,6 +2,7 @@
 
 #include "avi_check.h"
 #include "avi_chunks.h"
+#include "file_lock.h"
 #include "files.h"
 #include "human.h"
 #include "temp_output.h"
@@ -12,7 +13,6 @@
 #include <cstring>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 namespace tools {
@@ -24,13 +24,14 @@ constexpr int CodeAac = 22;
 constexpr uint32_t MoviHeader = sizeof(AVI_MoviHeader);
 constexpr size_t Block = 1u << 20;
 
-// Everything of the finished file but its chunks.
+// Everything of the finished file but its chunks, and its index, which follows from them.
 struct Ending
 {
     AviChunks chunks;
     Bytes headers; // up to the first chunk
-    Bytes index;
 };
+
+using Sink = std::function<bool(std::span<const uint8_t>)>;
 
 template <typename Record>
 void append_record(Bytes& bytes, const Record& record)
@@ -53,9 +54,9 @@ bool has_audio(const AviChunks& chunks)
     return chunks.audio > 0 || chunks.area == avi::AudioHeaderArea;
 }
 
-bool complete_hints(const std::string& path, const AviChunks& chunks, AviHints& hints, std::string& why)
+bool complete_hints(const avi::Report& report, const AviChunks& chunks, AviHints& hints, std::string& why)
 {
-    add_hints(hints, hints_of_torn_avi(path));
+    add_hints(hints, hints_of_torn_avi(report));
     add_hints(hints, hints_of_sps(chunks.sps));
     if (!hints.width || !hints.height) return fail(why, "the video does not tell its picture size");
     if (!hints.rate) return fail(why, "the video does not tell how many pictures a second it has");
@@ -105,12 +106,33 @@ void set_job(TSdv2Avi& job, const AviChunks& chunks, const AviHints& hints)
     job.m_iAudioSampleRate = int32_t(*hints.audioRate);
 }
 
+uint32_t entries_size(const AviChunks& chunks)
+{
+    return uint32_t(sizeof(AVI_IndexEntity)) * (chunks.pictures + chunks.audio);
+}
+
+bool write_index(const avi::File& file, const AviChunks& chunks, const Sink& sink)
+{
+    Bytes block;
+    append_record(block, AVI_IndexHeader{avi::fcc("idx1"), entries_size(chunks)});
+    const auto add = [&block, &sink](const AVI_IndexEntity& entry) {
+        append_record(block, entry);
+        if (block.size() < Block) return true;
+        const bool written = sink(block);
+        block.clear();
+        return written;
+    };
+    return each_entry(file, chunks, add) && sink(block);
+}
+
 bool build_headers(const AviHints& hints, uint32_t area, Ending& ending)
 {
     const AviChunks& chunks = ending.chunks;
+    const uint64_t riff =
+        chunks.end + (area - chunks.area) + sizeof(AVI_IndexHeader) + entries_size(chunks) - 8;
     const uint64_t end = chunks.end + (area - chunks.area);
     const AVI_Header summary = {int32_t(*hints.width), int32_t(*hints.height), int32_t(chunks.pictures),
-                                int32_t(uint32_t(end + ending.index.size() - 8)), int32_t(chunks.largest)};
+                                int32_t(uint32_t(riff)), int32_t(chunks.largest)};
     ending.headers.resize(area + MoviHeader);
     const JobGuard guard;
     set_job(g_tSdv2Avi, chunks, hints);
@@ -125,19 +147,18 @@ bool build_headers(const AviHints& hints, uint32_t area, Ending& ending)
     return true;
 }
 
-bool plan_ending(const std::string& path, const avi::File& file, AviHints hints, Ending& ending,
-                 std::string& why)
+bool plan_ending(const avi::File& file, const avi::Report& report, AviHints hints, const Beside& beside,
+                 Ending& ending, std::string& why)
 {
     AviChunks& chunks = ending.chunks;
-    if (file.fd < 0) return fail(why, strerror(errno));
-    if (!read_chunks(file, chunks, why) || !complete_hints(path, chunks, hints, why)) return false;
+    if (file.fd < 0) return fail(why, report.findings.front().what);
+    if (!read_chunks(file, chunks, why) || !complete_hints(report, chunks, hints, why)) return false;
 
-    const size_t size = chunks.index.size() * sizeof(AVI_IndexEntity);
-    append_record(ending.index, AVI_IndexHeader{avi::fcc("idx1"), uint32_t(size)});
-    ending.index.resize(sizeof(AVI_IndexHeader) + size);
-    memcpy(&ending.index[sizeof(AVI_IndexHeader)], chunks.index.data(), size);
-    if (!build_headers(hints, has_audio(chunks) ? avi::AudioHeaderArea : avi::VideoHeaderArea, ending))
-        return fail(why, "out of memory");
+    bool built = false;
+    const uint32_t area = has_audio(chunks) ? avi::AudioHeaderArea : avi::VideoHeaderArea;
+    const auto build = [&] { built = build_headers(hints, area, ending); };
+    beside.withJob ? beside.withJob(build) : build();
+    if (!built) return fail(why, "out of memory");
     why = "finished: " + counted(chunks.pictures, "picture");
     if (chunks.audio) why += ", " + counted(chunks.audio, "audio chunk");
     if (chunks.cut) why += "; " + human_bytes(chunks.cut) + " behind the last whole chunk cut off";
@@ -146,7 +167,7 @@ bool plan_ending(const std::string& path, const avi::File& file, AviHints hints,
 
 // ---- writing
 
-bool write_at(int fd, uint64_t offset, const Bytes& bytes)
+bool write_at(int fd, uint64_t offset, std::span<const uint8_t> bytes)
 {
     for (size_t done = 0; done < bytes.size();) {
         const ssize_t put = pwrite(fd, &bytes[done], bytes.size() - done, off_t(offset + done));
@@ -154,17 +175,33 @@ bool write_at(int fd, uint64_t offset, const Bytes& bytes)
         if (put <= 0) return false;
         done += size_t(put);
     }
-    return fsync(fd) == 0;
+    return true;
 }
 
-// The headers come last: as long as they are missing the file is known to be unfinished.
-bool finish_in_place(const std::string& path, const Ending& ending, std::string& why)
+const char* what_failed(const avi::File& file)
+{
+    if (avi::is_stopped(file)) return "interrupted";
+    return errno ? strerror(errno) : "it changes meanwhile";
+}
+
+// The headers come last: as long as they are missing the file is known to be unfinished. An index that was
+// not written whole goes: what failed for want of room gives it back.
+bool finish_in_place(const std::string& path, const avi::File& file, const Ending& ending, std::string& why)
 {
     const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    const bool written = fd >= 0 && ftruncate(fd, off_t(ending.chunks.end)) == 0 &&
-                         write_at(fd, ending.chunks.end, ending.index) && write_at(fd, 0, ending.headers);
-    if (!written) why = strerror(errno);
-    if (fd >= 0) close(fd);
+    if (fd < 0) return fail(why, strerror(errno));
+    uint64_t at = ending.chunks.end;
+    const auto append = [fd, &at](std::span<const uint8_t> bytes) {
+        at += bytes.size();
+        return write_at(fd, at - bytes.size(), bytes);
+    };
+    errno = 0;
+    const bool indexed = ftruncate(fd, off_t(at)) == 0 && write_index(file, ending.chunks, append) &&
+                         sync_in_pieces(fd, file.stop);
+    const bool written = indexed && write_at(fd, 0, ending.headers) && fsync(fd) == 0;
+    if (!written) why = what_failed(file);
+    if (!indexed && ftruncate(fd, off_t(ending.chunks.end)) != 0) why += ", and its index cannot be cut off";
+    close(fd);
     return written;
 }
 
@@ -180,49 +217,65 @@ bool copy_chunks(const avi::File& file, uint64_t from, uint64_t to, OutputFile& 
     return true;
 }
 
-bool write_copy(const avi::File& file, const std::string& target, const Ending& ending, uint64_t begin,
-                uint64_t end, std::string& why, bool replace = true)
+bool finish_copy(OutputFile& output, const avi::File& file)
+{
+    return fflush(output.file) == 0 && sync_in_pieces(fileno(output.file), file.stop) &&
+           finish_output(output);
+}
+
+bool copy_sound(const avi::File& file, const std::string& target, std::string& why, bool replace)
 {
     TempOutput beside;
     if (!create_temp(beside, target, why)) return false;
     OutputFile output(beside.path);
-    const bool written = output.file && write_output(output, ending.headers) &&
-                         copy_chunks(file, begin, end, output) && write_output(output, ending.index) &&
-                         finish_output(output);
-    if (!written) return fail(why, "cannot write " + target + ": " + strerror(errno));
+    errno = 0;
+    if (!output.file || !copy_chunks(file, 0, file.length, output) || !finish_copy(output, file))
+        return fail(why, "cannot write " + target + ": " + what_failed(file));
     return commit_temp(beside, why, replace);
-}
-
-// A recorder, or another repair, at work on it holds a lock, as we do as long as the file is open.
-bool is_being_written(const avi::File& file)
-{
-    return file.fd >= 0 && flock(file.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 bool write_repaired(const avi::File& file, const std::string& target, const Ending& ending, std::string& why,
                     bool replace = true)
 {
     const AviChunks& chunks = ending.chunks;
-    return write_copy(file, target, ending, chunks.area + MoviHeader, chunks.end, why, replace);
+    TempOutput beside;
+    if (!create_temp(beside, target, why)) return false;
+    OutputFile output(beside.path);
+    const auto append = [&output](std::span<const uint8_t> bytes) { return write_output(output, bytes); };
+    errno = 0;
+    const bool written = output.file && append(ending.headers) &&
+                         copy_chunks(file, chunks.area + MoviHeader, chunks.end, output) &&
+                         write_index(file, chunks, append) && finish_copy(output, file);
+    if (!written) return fail(why, "cannot write " + target + ": " + what_failed(file));
+    return commit_temp(beside, why, replace);
 }
 
 } // namespace
 
 bool repair_avi(const std::string& path, const AviHints& hints, std::string& why)
 {
+    FileLock lock;
+    if (lock_file(path, lock) == Locked::others) return fail(why, "it is being written");
+    return repair_locked(path, hints, {}, why);
+}
+
+bool repair_locked(const std::string& path, const AviHints& hints, const Beside& beside, std::string& why)
+{
     Ending ending;
-    const avi::File file(path);
+    const avi::File file(path, beside.stop);
+    const avi::Report report = avi::check_file(file);
     why = "sound already";
-    if (avi::check_file(path).sound()) return true;
-    if (is_being_written(file)) return fail(why, "it is being written");
-    if (!plan_ending(path, file, hints, ending, why)) return false;
+    if (report.sound()) return true;
+    const bool planned = plan_ending(file, report, hints, beside, ending, why);
+    if (avi::is_stopped(file)) return fail(why, "interrupted");
+    if (!planned) return false;
 
     // Chunks that have to make room for the audio stream's headers cannot be moved in place without a moment
     // in which the file is no longer what it was, nor yet what it is to be.
     std::string trouble;
     const bool fits = ending.headers.size() == ending.chunks.area + MoviHeader;
     const bool written =
-        fits ? finish_in_place(path, ending, trouble) : write_repaired(file, path, ending, trouble);
+        fits ? finish_in_place(path, file, ending, trouble) : write_repaired(file, path, ending, trouble);
     return written || fail(why, trouble);
 }
 
@@ -231,11 +284,11 @@ bool repair_avi_into(const std::string& path, const std::string& output, const A
 {
     Ending ending;
     const avi::File file(path);
+    const avi::Report report = avi::check_file(file);
     std::string trouble;
     why = "sound already, copied";
-    if (avi::check_file(path).sound())
-        return write_copy(file, output, ending, 0, file.length, trouble, replace) || fail(why, trouble);
-    if (!plan_ending(path, file, hints, ending, why)) return false;
+    if (report.sound()) return copy_sound(file, output, trouble, replace) || fail(why, trouble);
+    if (!plan_ending(file, report, hints, {}, ending, why)) return false;
     return write_repaired(file, output, ending, trouble, replace) || fail(why, trouble);
 }
 

@@ -67,6 +67,7 @@ void tell(Events& events, const std::string& event, const Details& details, cons
 void tell_status(Events& events, const Details& details, const std::string& text)
 {
     if (!events.redraws || !events.out) return tell(events, "status", details, text);
+    if (!takes_output(events)) return;
     fprintf(events.out, "\r%s\033[K", text.c_str());
     fflush(events.out);
     events.statusShown = true;
@@ -74,7 +75,7 @@ void tell_status(Events& events, const Details& details, const std::string& text
 
 void wipe_status(Events& events)
 {
-    if (!events.statusShown) return;
+    if (!events.statusShown || !takes_output(events)) return;
     fputs("\r\033[K", events.out);
     fflush(events.out);
     events.statusShown = false;

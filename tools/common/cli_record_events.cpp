@@ -20,18 +20,19 @@ void tell_finished(Events& events, const tools::Published& published)
 }
 
 void tell_recording(Events& events, Told& told, const std::string& peer, const std::string& partFile,
-                    uint64_t bytes, const SdvReport& report)
+                    uint64_t bytes, const SdvReport& report, uint64_t notWritten)
 {
     const auto now = std::chrono::steady_clock::now();
     const std::chrono::duration<double> since = now - told.at;
     const auto rate = uint64_t(8 * double(bytes - told.bytes) / std::max(since.count(), 0.001));
     told = {bytes, now};
 
-    const uint64_t frames = report.u64FramesRecorded, drops = tools::dropped_frames(report);
+    const uint64_t frames = report.u64FramesRecorded, drops = tools::dropped_frames(report) + notWritten;
     tell_status(events,
                 {{"path", partFile},
                  {"frames", frames},
                  {"dropped", drops},
+                 {"not_written", notWritten},
                  {"bits_per_second", rate},
                  {"bytes", bytes}},
                 (partFile.empty() ? peer : partFile) + ": " + tools::counted(frames, "frame") + ", " +

@@ -18,8 +18,9 @@ struct Told
     std::chrono::steady_clock::time_point at;
 };
 
-// The part file is empty, and the report too, as long as nothing is recorded. `bytes` came from the peer.
+// The part file is empty, and the report too, as long as nothing is recorded. `bytes` came from the peer, of
+// whose frames so many could not be written.
 void tell_recording(Events& events, Told& told, const std::string& peer, const std::string& partFile,
-                    uint64_t bytes, const SdvReport& report);
+                    uint64_t bytes, const SdvReport& report, uint64_t notWritten);
 
 } // namespace cli

@@ -25,9 +25,7 @@ void add_options(CLI::App& app, RecordOptions& options)
     app.add_option("--connect", options.connect, "the camera to call, again whenever it is lost")
         ->check(endpoint_check())
         ->excludes(listen);
-    app.add_option("--out", options.directory, "directory of the AVI files")
-        ->required()
-        ->check(CLI::ExistingDirectory);
+    app.add_option("--out", options.directory, "directory of the AVI files")->required();
     app.add_option("--key-file", options.keyFile,
                    "file with the key of an encrypted stream (default: $SDV_KEY)");
     app.add_option("--max-size", options.maxSize,
@@ -39,7 +37,8 @@ void add_options(CLI::App& app, RecordOptions& options)
                    "time after which the next key frame begins a new file, such as 10m or 1h")
         ->transform(CLI::AsNumberWithUnit(units))
         ->check(CLI::Range(1, 366 * 86400));
-    app.add_option("--idle", options.idle, "seconds of silence after which a connection is dropped")
+    app.add_option("--idle", options.idle,
+                   "seconds without a whole frame, and hardly a byte, after which a connection is dropped")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
     app.add_flag("--once", options.once, "end after the first camera");

@@ -6,6 +6,9 @@ namespace tools {
 // A closed standard descriptor would become the next file opened, and receive what is printed.
 void fill_standard_descriptors();
 
+// As many open files as the system allows us: recordings that wait for their names stay open.
+void raise_descriptor_limit();
+
 // The library writes markers to standard output; as long as this lives they are nobody's business.
 struct Silence
 {

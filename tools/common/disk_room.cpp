@@ -62,6 +62,11 @@ bool reserve_room(DiskRoom& room, uint64_t size, std::string& why)
     return error == 0;
 }
 
+bool reserve_start(DiskRoom& room, std::string& why)
+{
+    return reserve_room(room, std::min(Ahead, size_limit()), why);
+}
+
 void release_room(const std::string& path)
 {
     struct stat status;

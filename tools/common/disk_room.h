@@ -16,6 +16,9 @@ struct DiskRoom
 // the limit on file sizes does not let it; what was promised before still stands.
 bool reserve_room(DiskRoom& room, uint64_t size, std::string& why);
 
+// The same for as much as makes it worth to begin a file where there was no room before.
+bool reserve_start(DiskRoom& room, std::string& why);
+
 // Give back what was promised beyond the file's end.
 void release_room(const std::string& path);
 

@@ -1,6 +1,7 @@
 // Whole files in, one file out that is not left behind half written.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <span>
@@ -23,6 +24,9 @@ bool rename_new(const std::string& from, const std::string& to);
 
 // Wait until the file is on the disk. False, and errno, when it cannot be brought there.
 bool sync_file(const std::string& path);
+
+// The same for an open file, in pieces: once `stop` is set it ends soon, with false and EINTR.
+bool sync_in_pieces(int fd, const std::atomic<bool>* stop);
 
 // The same for the file's name; that it cannot be done is no reason to fail.
 void sync_directory(const std::string& file);

@@ -11,7 +11,8 @@ namespace {
 
 constexpr uint8_t CodeAlaw = 1, CodeMulaw = 2, CodeAac = 22;
 constexpr size_t MaxFrame = 1u << 20;
-constexpr size_t MaxSlots = 255; // on either side of a picture
+constexpr size_t MaxChunks = size_t{1} << 24; // of a hostile file; all are held in memory
+constexpr size_t MaxSlots = 255;              // on either side of a picture
 constexpr size_t MaxAacSlot = 0xFFFE;
 constexpr size_t AdtsHeader = 7;
 
@@ -83,11 +84,12 @@ void fill_up(FrameFields& frame)
         for (Bytes& slot : *slots) slot.resize(size, 0);
 }
 
-bool deal_chunks(const std::string& path, const avi::Report& report, std::vector<FrameFields>& frames)
+bool deal_chunks(const std::string& path, const avi::Report& report, const std::vector<avi::Chunk>& chunks,
+                 std::vector<FrameFields>& frames)
 {
     const uint8_t code = audio_code(report.audio);
     std::vector<Bytes> waiting;
-    for (const avi::Chunk& chunk : report.chunks) {
+    for (const avi::Chunk& chunk : chunks) {
         Bytes data = avi::chunk_bytes(path, chunk);
         if (chunk.id == "01wb") {
             if (code == CodeAac && data.size() > adts::MAX_FRAME - AdtsHeader) return false;
@@ -110,7 +112,11 @@ bool deal_chunks(const std::string& path, const avi::Report& report, std::vector
 
 bool from_avi(const std::string& path, FileFields& header, std::vector<FrameFields>& frames, std::string& why)
 {
-    const avi::Report report = avi::check_file(path);
+    std::vector<avi::Chunk> chunks;
+    const auto keep = [&chunks](const avi::Chunk& chunk) {
+        if (chunks.size() <= MaxChunks) chunks.push_back(chunk);
+    };
+    const avi::Report report = avi::check_file(path, {.each = keep});
     if (!report.sound()) {
         const avi::Finding& first = report.findings.front();
         why = path + ": " + first.what;
@@ -118,8 +124,10 @@ bool from_avi(const std::string& path, FileFields& header, std::vector<FrameFiel
             why = path + " is not sound: offset " + std::to_string(first.offset) + ": " + first.what;
         return false;
     }
+    why = path + ": more than " + std::to_string(MaxChunks) + " chunks";
+    if (chunks.size() > MaxChunks) return false;
     why = path + ": its audio does not fit into frames of at most 1 MiB";
-    if (!deal_chunks(path, report, frames)) return false;
+    if (!deal_chunks(path, report, chunks, frames)) return false;
     if (audio_code(report.audio) == CodeAac)
         for (FrameFields& frame : frames) fill_up(frame);
     tell_header(report, header);

@@ -1,6 +1,6 @@
 #include "part_files.h"
-#include "avi_repair.h"
 #include "disk_room.h"
+#include "file_lock.h"
 #include "files.h"
 #include "recording_name.h"
 
@@ -8,11 +8,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tools {
@@ -36,47 +37,87 @@ std::vector<std::string> part_files(const std::string& directory)
     return paths;
 }
 
-Recovered recover(const std::string& part)
+// A file that was written anew is another one, and anybody's.
+bool keeps_lock(const std::string& part, FileLock& lock)
+{
+    return still_names(part, lock) || lock_file(part, lock) == Locked::ours;
+}
+
+// Nothing when somebody else has taken it over.
+std::optional<Recovered> finish_part(const Recovery& recovery, const std::string& part, FileLock& lock)
 {
     Recovered recovered{part, false, ""};
-    if (!repair_avi(part, {}, recovered.what)) return recovered;
+    if (!repair_locked(part, {}, {&recovery.stop, recovery.withJob}, recovered.what)) return recovered;
+    if (!keeps_lock(part, lock)) return std::nullopt;
     release_room(part);
     RecordingName name{part.substr(0, part.size() - Suffix.size()), 1};
     std::string why;
     // A file that was finished before the kill need not have come to the disk yet.
-    if (!sync_file(part)) {
+    if (!sync_in_pieces(lock.fd, &recovery.stop))
         recovered.what = strerror(errno);
-        return recovered;
-    }
-    recovered.finished = publish_name(name, why);
-    if (recovered.finished)
-        recovered.path = name.final_name();
-    else
+    else if (!publish_name(name, why))
         recovered.what = why;
+    else
+        recovered = {name.final_name(), true, recovered.what};
     return recovered;
+}
+
+std::optional<Recovered> recover(const Recovery& recovery, const std::string& part)
+{
+    FileLock lock;
+    const Locked locked = lock_file(part, lock);
+    if (locked == Locked::not_at_all)
+        return Recovered{part, false, "it cannot be locked: " + std::string(strerror(errno))};
+    if (locked != Locked::ours) return std::nullopt;
+    struct stat status;
+    if (fstat(lock.fd, &status) != 0 || status.st_size > 0) return finish_part(recovery, part, lock);
+    unlink(part.c_str());
+    return std::nullopt;
+}
+
+void recover_and_tell(const Recovery& recovery, const std::string& part)
+{
+    std::optional<Recovered> recovered;
+    try {
+        recovered = recover(recovery, part);
+    } catch (const std::exception& error) {
+        recovered = {part, false, error.what()};
+    }
+    if (!recovered) return;
+    if (!recovered->finished && recovery.stop) recovered->what = "interrupted, and left to the next start";
+    recovery.told(*recovered);
+}
+
+void work(const Recovery& recovery)
+try {
+    for (const std::string& part : part_files(recovery.directory)) {
+        if (recovery.stop) break;
+        recover_and_tell(recovery, part);
+    }
+    recovery.ended();
+} catch (const std::exception&) {
+    recovery.ended(); // there is not even the memory to tell of it
 }
 
 } // namespace
 
-DirectoryUse::~DirectoryUse()
+Recovery::~Recovery()
 {
-    if (fd >= 0) close(fd);
+    end_recovery(*this);
 }
 
-void use_directory(DirectoryUse& use, const std::string& directory,
-                   const std::function<void(const Recovered&)>& told)
+void start_recovery(Recovery& recovery)
+try {
+    recovery.thread = std::thread(work, std::cref(recovery));
+} catch (const std::system_error& error) {
+    recovery.told({recovery.directory, false, error.what()});
+    recovery.ended();
+}
+
+void end_recovery(Recovery& recovery)
 {
-    use.fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (flock(use.fd, LOCK_EX | LOCK_NB) == 0) {
-        for (const std::string& part : part_files(directory)) {
-            std::error_code error;
-            if (fs::file_size(part, error) == 0 && !error)
-                unlink(part.c_str());
-            else
-                told(recover(part));
-        }
-    }
-    flock(use.fd, LOCK_SH); // waits for another one that repairs now
+    recovery.stop = true;
+    if (recovery.thread.joinable()) recovery.thread.join();
 }
 
 } // namespace tools

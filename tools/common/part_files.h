@@ -1,21 +1,14 @@
 // Recordings that an earlier run was kept from finishing, by a power failure or a kill.
 #pragma once
 
+#include "avi_repair.h"
+
+#include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 
 namespace tools {
-
-// As long as this lives, no other recorder touches our part files in the directory.
-struct DirectoryUse
-{
-    int fd = -1;
-
-    DirectoryUse() = default;
-    ~DirectoryUse();
-    DirectoryUse(const DirectoryUse&) = delete;
-    DirectoryUse& operator=(const DirectoryUse&) = delete;
-};
 
 struct Recovered
 {
@@ -24,9 +17,28 @@ struct Recovered
     std::string what; // was done, or why not
 };
 
-// Begin to use the directory. Part files in it are finished and get their names, unless another recorder is
-// at work there, whose they may be; empty ones go. Uses the library's job: not while this process records.
-void use_directory(DirectoryUse& use, const std::string& directory,
-                   const std::function<void(const Recovered&)>& told);
+struct Recovery
+{
+    std::string directory;
+    std::function<void(const Recovered&)> told;                     // in a thread of its own, as the others
+    std::function<void(const std::function<void()>&)> withJob = {}; // see Beside
+    std::function<void()> ended = {};
+
+    std::atomic<bool> stop = false;
+    std::thread thread;
+
+    Recovery() = default;
+    ~Recovery();
+    Recovery(const Recovery&) = delete;
+    Recovery& operator=(const Recovery&) = delete;
+};
+
+// Finish the directory's part files and give them their names, while this process may already record there.
+// Empty ones go. One that is locked is somebody's, who records it, publishes it or finishes it: it is left
+// alone, without a word. No trouble with one file keeps the others from being finished.
+void start_recovery(Recovery& recovery);
+
+// Soon: what is not finished by then is left to the next run. Not under a lock that the callbacks take.
+void end_recovery(Recovery& recovery);
 
 } // namespace tools

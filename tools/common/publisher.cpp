@@ -1,20 +1,55 @@
 #include "publisher.h"
+#include "avi_bytes.h"
+#include "avi_repair.h"
+#include "file_lock.h"
 #include "files.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <utility>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace tools {
 namespace {
 
-Published publish(const FinishedFile& file, bool& noRoom)
+constexpr std::chrono::seconds FirstPause{5}, LongestPause{60};
+
+// Of the finished file, by its own header: a repair may find a picture more than the recorder knew.
+int count_pictures(const std::string& path)
+{
+    AVI_HdrlHeader header{};
+    const avi::File file(path);
+    avi::read_at(file, 0, reinterpret_cast<uint8_t*>(&header), sizeof(header));
+    return int(header.avih.dwTotalFrames);
+}
+
+bool mend(Publisher& publisher, FinishedFile& file, std::string& why)
+{
+    const std::string part = file.name.part_name();
+    bool mended = false;
+    if (access(part.c_str(), W_OK) == 0)
+        mended = repair_locked(part, *file.torn, {nullptr, publisher.withJob}, why);
+    else
+        why = strerror(errno);
+    if (mended && !still_names(part, *file.lock)) lock_file(part, *file.lock); // it was written anew
+    if (mended) file.pictures = count_pictures(part);
+    return mended;
+}
+
+Published publish(Publisher& publisher, const FinishedFile& file, bool& noRoom)
 {
     Published published{file, "", 0, ""};
     RecordingName name = file.name;
+    std::string why;
+    if (file.torn && !mend(publisher, published.file, why)) {
+        published.trouble = name.part_name() + ": it cannot be finished: " + why;
+        return published;
+    }
     if (!sync_file(name.part_name())) {
         published.trouble = name.part_name() + ": " + strerror(errno);
         return published;
@@ -34,30 +69,44 @@ Published publish(const FinishedFile& file, bool& noRoom)
 }
 
 // A new name may need one more block of the directory, while the file that grows holds the last ones. Those
-// that it does not need are there again when it is finished.
-void settle(Publisher& publisher, const Published& published, bool noRoom)
+// that it does not need are there again when it is finished: no reason to tell of it yet.
+void settle(Publisher& publisher, Waiting& one, Published& published, bool noRoom)
 {
-    if (noRoom && !publisher.over)
-        publisher.noRoom.push_back(published.file);
-    else
+    const bool trouble = !published.trouble.empty();
+    published.last = trouble && publisher.over;
+    if (!trouble || publisher.over || !(noRoom || one.told)) {
         publisher.done.push_back(published);
+        one.told = true;
+    }
+    if (trouble && !publisher.over) publisher.later.push_back(one);
     publisher.changed.notify_all();
+}
+
+// For a file, or until it is time to try again those with which there was trouble.
+void wait_for_work(Publisher& publisher, std::unique_lock<std::mutex>& lock, std::chrono::seconds pause)
+{
+    const auto wanted = [&publisher] { return publisher.over || !publisher.waiting.empty(); };
+    if (publisher.later.empty())
+        publisher.changed.wait(lock, wanted);
+    else
+        publisher.changed.wait_for(lock, pause, wanted);
+    if (publisher.waiting.empty()) publisher.waiting.swap(publisher.later);
 }
 
 void work(Publisher& publisher)
 {
     std::unique_lock lock(publisher.mutex);
-    for (;;) {
-        publisher.changed.wait(lock, [&publisher] { return publisher.over || !publisher.waiting.empty(); });
-        if (publisher.waiting.empty()) publisher.waiting.swap(publisher.noRoom);
+    for (std::chrono::seconds pause = FirstPause;;) {
+        if (publisher.waiting.empty()) wait_for_work(publisher, lock, pause);
         if (publisher.waiting.empty()) break;
-        const FinishedFile file = publisher.waiting.front();
+        Waiting one = publisher.waiting.front();
         publisher.waiting.pop_front();
         lock.unlock();
         bool noRoom = false;
-        const Published published = publish(file, noRoom);
+        Published published = publish(publisher, one.file, noRoom);
         lock.lock();
-        settle(publisher, published, noRoom);
+        pause = published.trouble.empty() ? FirstPause : std::min(2 * pause, LongestPause);
+        settle(publisher, one, published, noRoom);
     }
     publisher.ended = true;
     publisher.changed.notify_all();
@@ -84,9 +133,9 @@ void start_publishing(Publisher& publisher)
 void publish_later(Publisher& publisher, const FinishedFile& file)
 {
     const std::lock_guard lock(publisher.mutex);
-    publisher.waiting.swap(publisher.noRoom); // of this file, some room has come back
-    for (const FinishedFile& newer : std::exchange(publisher.noRoom, {})) publisher.waiting.push_back(newer);
-    publisher.waiting.push_back(file);
+    publisher.waiting.swap(publisher.later); // of this file, some room has come back
+    for (const Waiting& newer : std::exchange(publisher.later, {})) publisher.waiting.push_back(newer);
+    publisher.waiting.push_back({file});
     publisher.changed.notify_all();
 }
 

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace tools {
@@ -15,14 +14,13 @@ constexpr int MaxNumber = 100000;
 constexpr int FirstYear = 2000; // before it, a clock that was never set
 
 // True when the part file was made. Otherwise errno says why, EEXIST when the name belongs to somebody.
-bool take(const RecordingName& name)
+bool take(const RecordingName& name, FileLock& lock)
 {
     const std::string part = name.part_name();
-    const int fd = open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) return false;
-    close(fd);
-    if (!exists(name.final_name())) return true;
-    unlink(part.c_str());
+    const Locked locked = create_locked(part, lock);
+    if (locked == Locked::not_at_all) return false;
+    if (locked == Locked::ours && !exists(name.final_name())) return true;
+    if (locked == Locked::ours) unlink(part.c_str());
     errno = EEXIST;
     return false;
 }
@@ -74,11 +72,12 @@ std::string RecordingName::part_name() const
     return final_name() + ".part";
 }
 
-bool take_name(RecordingName& name, const std::string& directory, time_t start, std::string& why)
+bool take_name(RecordingName& name, const std::string& directory, time_t start, FileLock& lock,
+               std::string& why)
 {
     name.stem = directory + "/" + date_name(start);
     for (name.number = 1; name.number < MaxNumber; ++name.number) {
-        if (take(name)) return true;
+        if (take(name, lock)) return true;
         if (errno != EEXIST) break;
     }
     why = name.part_name() + ": " + strerror(errno);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "CommonFun.h"
+#include "file_lock.h"
 
 #include <cstdint>
 #include <ctime>
@@ -29,8 +30,10 @@ struct RecordingName
     std::string part_name() const;  // with ".part" behind it
 };
 
-// Take a name that nobody has: its part file is made, empty. False, and the reason in `why`.
-bool take_name(RecordingName& name, const std::string& directory, time_t start, std::string& why);
+// Take a name that nobody has: its part file is made, empty, and locked, which keeps a repair away from it
+// until it has its final name. False, and the reason in `why`.
+bool take_name(RecordingName& name, const std::string& directory, time_t start, FileLock& lock,
+               std::string& why);
 
 // Give the part file, which is on the disk, its final name, or the next number's when somebody has taken that
 // meanwhile. False, errno, and the reason in `why`.

@@ -33,13 +33,22 @@ void end_by_signal(int number)
     _exit(128 + number);
 }
 
-void block_signals(bool block)
+// A thread that leaves the signals to another one goes on leaving them.
+struct SignalsBlocked
 {
-    sigset_t set;
-    sigemptyset(&set);
-    for (int number : EndSignals) sigaddset(&set, number);
-    pthread_sigmask(block ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
-}
+    sigset_t before;
+
+    SignalsBlocked()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        for (int number : EndSignals) sigaddset(&set, number);
+        pthread_sigmask(SIG_BLOCK, &set, &before);
+    }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+};
 
 // A signal that was ignored when the program started (nohup, a job in the background) stays ignored.
 void watch_signals(void (*handler)(int))
@@ -123,10 +132,9 @@ bool put_in_place(std::span<TempOutput* const> outputs, std::string& why, bool r
 TempOutput::~TempOutput()
 {
     if (path.empty()) return;
-    block_signals(true);
+    const SignalsBlocked blocked;
     unlink(path.c_str());
     disarm(*this);
-    block_signals(false);
 }
 
 bool is_taken(const std::string& name, std::string& why)
@@ -140,14 +148,13 @@ bool create_temp(TempOutput& output, const std::string& target, std::string& why
     std::random_device random;
     for (int tries = 0; tries < 100; ++tries) {
         const std::string path = temp_name(output.target, random());
-        block_signals(true);
+        const SignalsBlocked blocked;
         const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         const int reason = errno;
         if (fd >= 0) {
             close(fd);
             arm(output, path);
         }
-        block_signals(false);
         if (fd >= 0) return true;
         if (reason != EEXIST) return fail(why, target, strerror(reason));
     }
@@ -164,9 +171,11 @@ bool commit_temps(std::span<TempOutput* const> outputs, std::string& why, bool r
 {
     for (const TempOutput* output : outputs)
         if (!sync_file(output->path)) return fail(why, output->path, strerror(errno));
-    block_signals(true);
-    const bool done = put_in_place(outputs, why, replace);
-    block_signals(false);
+    bool done;
+    {
+        const SignalsBlocked blocked;
+        done = put_in_place(outputs, why, replace);
+    }
     if (done && !outputs.empty()) sync_directory(outputs.front()->target);
     return done;
 }
