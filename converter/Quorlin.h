@@ -475,9 +475,10 @@ QUORLIN_API int RecordAvi(unsigned char* _ucData, int _iLength);
  * the file's position cannot be told.
  *
  * @param _iDDrawIndex not used
- * @return 0, also when no file was open; 1 when something could not be written, or a chunk could not be
- *         indexed for want of memory, or while a file conversion runs (nothing happens then); 2 when frames
- * were dropped because the file had reached its size limit (what it holds is sound)
+ * @return 0, also when no file was open; 1 when something could not be written, the position could not be
+ *         told, or a chunk could not be indexed for want of memory, and while a file conversion runs (nothing
+ *         happens then); 2 when frames were dropped because the file had reached its size limit (what it
+ * holds is sound)
  */
 QUORLIN_API int StopRecord(int _iDDrawIndex);
 

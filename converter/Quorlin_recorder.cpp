@@ -333,9 +333,12 @@ static int finish_without_audio(TSdv2Avi& job, int64_t end)
 static int finish_file(TSdv2Avi& job)
 {
     int64_t end = ftello(job.m_fsRec);
-    if (end < 0) puts("ftell has error");
-    if (end < 0 || job.m_iHaveAudio == 0 || !is_laid_out_for_video(job))
-        return write_headers_and_index(job, end);
+    if (end < 0) {
+        puts("ftell has error");
+        write_headers_and_index(job, end);
+        return 1; // what is in the headers now is wrong
+    }
+    if (job.m_iHaveAudio == 0 || !is_laid_out_for_video(job)) return write_headers_and_index(job, end);
 
     const int64_t index = int64_t{sizeof(AVI_IndexHeader)} + int64_t{held_entries()} * ENTRY_SIZE;
     const Moved moved = move_chunks_up(job.m_fsRec, end, index);

@@ -38,6 +38,8 @@ static void walk(const char* what, Plan plan, Scenario scenario)
         };
         const auto [ended, said] = told(2, [&] { return in_child(child); });
         if (ended == NEVER_STRUCK) break;
+        if (ended != CAME_TO_ITS_END && said.find("fcntl sock") != std::string::npos)
+            continue; // no socket may block the loop
         EXPECT_EQ(ended, CAME_TO_ITS_END) << "n = " << plan.n << '\n' << said;
     }
     const bool rare = plan.fault == Fault::halved || plan.fault == Fault::interrupted; // not inside libc
@@ -101,7 +103,7 @@ static void convert_under(const TempDir& dir, const Plan& plan)
     if (result != 0 || position != 100) {
         EXPECT_TRUE(plan.fault == Fault::failing || plan.fault == Fault::disturbed);
         EXPECT_TRUE(result == -1 || (position <= -1 && position >= -4)) << result << ' ' << position;
-        EXPECT_FALSE(exists(out));
+        EXPECT_TRUE(!exists(out) || plan.families & plan.lasting * NAMES);
     } else if (plan.fault == Fault::disturbed) {
         for (const std::string& path : {out, dir / "moved/out"})
             if (exists(path) && file_size(path) != 212) expect_sound(path);
@@ -144,6 +146,7 @@ static const std::pair<const char*, Plan> s_plans[] = {
     {"one call fails", {}},
     {"no memory from there on", {.lasting = true, .families = MEMORY}},
     {"no files from there on", {.lasting = true, .families = FILES}},
+    {"no files and no names from there on", {.lasting = true, .families = FILES | NAMES}},
     {"one call does half", {.fault = Fault::halved}},
     {"every call does half", {.fault = Fault::halved, .lasting = true}},
     {"one call is interrupted", {.fault = Fault::interrupted}},
@@ -209,7 +212,7 @@ struct Exchange
     TcpServer* server = nullptr;
     Watched client, accepted;
     UdpClient *from = nullptr, *to = nullptr;
-    bool received = false;
+    bool received = false, posted = false;
 };
 
 static Exchange s_at;
@@ -224,6 +227,10 @@ static void accept_one(TcpServer*, TcpClient* client, void*)
             s_at.accepted.send(s_at.accepted.got);
     };
     watch(s_at.accepted, client);
+    char ip[16];
+    uint16 port;
+    os_tcp_client_get_remote(client, ip, &port);
+    os_tcp_client_set_rcvbuf_len(client, 65536);
 }
 
 static void open_tcp()
@@ -238,6 +245,11 @@ static void open_tcp()
     watch(s_at.client, os_tcp_client_create());
     os_tcp_client_set_remote(s_at.client.client, text("127.0.0.1"), port);
     os_tcp_client_open(s_at.client.client, -1);
+}
+
+static void post()
+{
+    os_post_func([](void*) { s_at.posted = true; }, nullptr);
 }
 
 static void send_datagram()
@@ -256,20 +268,25 @@ static int32 take_datagrams(UdpClient* client, void*)
     return 0;
 }
 
+// Start-up does not look at how the pipe that wakes the loop is registered.
+static bool s_no_posts;
+
 static void open_sockets()
 {
     s_at = {};
+    s_at.posted = s_no_posts;
     open_tcp();
     s_at.from = os_udp_client_create();
     s_at.to = os_udp_client_create();
     os_udp_client_bind_read(s_at.to, take_datagrams, nullptr);
     os_udp_client_open(s_at.to);
     send_datagram();
+    post();
 }
 
 static bool is_complete()
 {
-    return s_at.client.got == s_message && s_at.received;
+    return s_at.client.got == s_message && s_at.received && s_at.posted;
 }
 
 static void close_sockets(int want_open)
@@ -286,6 +303,7 @@ static void expect_completion()
 {
     wait_for([] {
         if (!s_at.received) send_datagram(); // one may get lost
+        if (!s_at.posted) post();            // what wakes the loop may get lost
         return is_complete();
     });
     EXPECT_EQ(s_at.client.got, s_message);
@@ -301,6 +319,7 @@ static void exchange_under(const TempDir&, const Plan& plan)
         EXPECT_EQ(os_startup(2, 1), 1);
     }
     const int before = open_descriptors();
+    s_no_posts = struck_call() != nullptr;
     locked(open_sockets);
     // What was struck may keep the exchange from ending; all else must let it.
     for (int quiet = 0; quiet < 60 && !locked(is_complete); usleep(1000)) quiet += struck_call() != nullptr;
@@ -316,6 +335,6 @@ static void exchange_under(const TempDir&, const Plan& plan)
 TEST(Faults, Network)
 {
     for (const auto& [what, plan] : s_plans)
-        if (plan.families != FILES) walk(what, plan, exchange_under);
+        if (plan.families & ~(FILES | NAMES)) walk(what, plan, exchange_under);
     walk("no sockets from there on", {.lasting = true, .families = SOCKETS}, exchange_under);
 }

@@ -8,8 +8,9 @@ enum Family : unsigned
     FILES = 2,
     THREADS = 4,
     SOCKETS = 8,
-    ANY = 15,
-    BREAKS_OFF = 16 // beside its family: a signal can end the call
+    NAMES = 16, // of files: looked up, removed
+    ANY = 31,
+    BREAKS_OFF = 32 // beside its family: a signal can end the call
 };
 
 enum class Fault

@@ -138,7 +138,8 @@ bool build_headers(const AviHints& hints, uint32_t area, Ending& ending)
     set_job(g_tSdv2Avi, chunks, hints);
     g_tSdv2Avi.m_fsRec = fmemopen(ending.headers.data(), ending.headers.size(), "wb");
     if (!g_tSdv2Avi.m_fsRec) return false;
-    const bool built = AVI_WriteFileHeader(summary, *hints.audioCode ? AVI_VideoAndAudio : AVI_Video) == 0;
+    const bool built = AVI_WriteFileHeader(summary, *hints.audioCode ? AVI_VideoAndAudio : AVI_Video) == 0 &&
+                       !ferror(g_tSdv2Avi.m_fsRec);
     if (fclose(g_tSdv2Avi.m_fsRec) != 0 || !built) return false;
 
     ending.headers.resize(area);

@@ -54,6 +54,7 @@ struct Pool
 
 struct Fixed
 {
+    uint64_t whole; // length of the message: a worker may be killed while it writes
     cli::Exit exit;
     bool damaged;
     uint64_t pictures, bytes;
@@ -63,15 +64,16 @@ struct Fixed
 
 std::string pack(const Result& result)
 {
-    const Fixed fixed{result.exit,  result.damaged, result.pictures,
-                      result.bytes, result.seconds, result.report};
-    std::string message(reinterpret_cast<const char*>(&fixed), sizeof(fixed));
+    Fixed fixed{0, result.exit, result.damaged, result.pictures, result.bytes, result.seconds, result.report};
+    std::string message(sizeof(fixed), '\0');
     const auto add = [&message](char kind, const std::string& text) {
         message.append(1, kind).append(text).append(1, '\0');
     };
     add('c', result.cause);
     for (const std::string& output : result.outputs) add('o', output);
     for (const std::string& note : result.notes) add('n', note);
+    fixed.whole = message.size();
+    memcpy(message.data(), &fixed, sizeof(fixed));
     return message;
 }
 
@@ -79,8 +81,9 @@ std::string pack(const Result& result)
 bool unpack(const std::string& message, Result& result)
 {
     Fixed fixed;
-    if (message.size() <= sizeof(fixed) || message.back() != '\0') return false;
+    if (message.size() < sizeof(fixed)) return false;
     memcpy(&fixed, message.data(), sizeof(fixed));
+    if (message.size() != fixed.whole) return false;
     result.exit = fixed.exit;
     result.damaged = fixed.damaged;
     result.pictures = fixed.pictures;
