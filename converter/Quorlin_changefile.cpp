@@ -36,14 +36,15 @@ int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
 
     job.m_iRecFileType = 1;
     InputFile input;
-    if (!open_input(input, _cpinputpath)) {
+    S_FileHeader header;
+    if (!open_input(input, _cpinputpath) || !read_file_header(input, header)) {
         errorprint(s_szCannotRead);
         return 1;
     }
     ReadWindow window(input);
     if (!open_window(window)) return 3;
 
-    read_file_header(input, job.m_Header);
+    job.m_Header = header;
     const bool same = _cpoutpath && is_same_file(_cpinputpath, _cpoutpath);
     if (same || StartRecord(1, _cpoutpath, 1) < 0) {
         errorprint(s_szCannotRecord);
