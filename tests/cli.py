@@ -2,7 +2,7 @@
 """The command lines of sdv2avi, avicheck and sdvmake: what comes out, and how they fail: with one line that names the
 cause, nothing lost.
 
-    cli.py SDVMAKE SDV2AVI AVICHECK DATA_DIR
+    cli.py SDVMAKE SDV2AVI AVICHECK DATA_DIR FAILING_DISK
 """
 import json
 import os
@@ -13,7 +13,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from checks import AVICHECK, KEY, OTHER_KEY, SDV2AVI, SDVMAKE, expect, go_through, make, pictures, run
+from checks import AVICHECK, KEY, OTHER_KEY, SDV2AVI, SDVMAKE, expect, failing_disk, go_through, make, pictures, run
 
 OLD = b"an older file"
 UMASK = 0o027
@@ -73,9 +73,11 @@ def prepare():
                           "mode31": ["--mode", "31"], "damaged": ["--garbage", "3"]}.items():
         make(f"{name}.sdv", *options)
     plain = Path("plain.sdv").read_bytes()
+    second = 88 + int.from_bytes(plain[92:96], "little")
     for path in "dir", "tree/in", DEEP:
         Path(path).mkdir(parents=True)
-    for path, data in {"one.sdv": plain[: 88 + int.from_bytes(plain[92:96], "little")], "headers.sdv": plain[:88],
+    for path, data in {"one.sdv": plain[:second], "headers.sdv": plain[:88],
+                       "zeros.sdv": plain[: second + 12] + bytes(4) + plain[second + 16 :],
                        "torn.sdv": plain[:200], "garbage.sdv": b"\x55" * 4096, "out.avi": OLD,
                        "key.txt": KEY.encode(), "old-001.avi": OLD, "part-003.avi": OLD, DEEP + "/in.sdv": plain,
                        "tree/in/plain.sdv": plain, "tree/top.SDV": plain,
@@ -161,6 +163,45 @@ def standard_input():
         assert made[0] == made[1], f"{name}: {made[0][0]} and {made[1][0]}"
 
 
+# What cannot be read, of which recording, the options.
+UNREADABLE = [
+    ("in the middle", ((40960, 45056), (98304, 131072)), "plain.sdv"),
+    ("the first key frame", ((88, 4096),), "secret.sdv", "--key", KEY),
+    ("behind a frame numbered 0", ((40960, 45056),), "zeros.sdv"),
+    ("the rest", ((81920, 1 << 40),), "damaged.sdv"),
+    ("of a mode that is pushed", ((40960, 45056),), "mode31.sdv"),
+    ("split", ((40960, 45056),), "plain.sdv", "--split", "1h"),
+]
+
+
+def check_unreadable(bad, name, *options):
+    """The same file comes out as of a copy with zeros in these places, and the exit code tells them apart."""
+    copy = bytearray(Path(name).read_bytes())
+    bad = [(a, min(b, len(copy))) for a, b in bad]
+    for a, b in bad:
+        copy[a:b] = bytes(b - a)
+    Path("copy.sdv").write_bytes(copy)
+    run(SDV2AVI, "copy.sdv", "-o", "copy.avi", *options)
+    lost = sum(b - a for a, b in bad)
+    for source in {name, "-" if "--split" in options else name}:
+        with open(name) as file:
+            done = run(SDV2AVI, source, "-o", "it.avi", "--json", "--overwrite", *options, code=1, stdin=file,
+                       **failing_disk(name, *bad))
+        told = json.loads(done.stdout)["files"][0]
+        expect("report", [told["report"][key] for key in ("bytes_unreadable", "first_unreadable")], [lost, bad[0][0]])
+        expect("exit code and cause", (told["exit_code"], told["cause"]), (1, None))
+        assert f"{lost} bytes " in done.stderr and "could not be read: Input/output error" in done.stderr, done
+        (made,), (wanted,) = (sorted(Path(".").glob(stem)) for stem in ("it*.avi", "copy*.avi"))
+        assert made.read_bytes() == wanted.read_bytes(), "another AVI file"
+
+
+def nothing_readable():
+    """No file of zeros comes out of an input that cannot be read at all, nor behind its header."""
+    for start, said in (0, "plain.sdv: cannot be read: Input/output"), (88, "162925 bytes at 88 could not be read"):
+        for options in [], ["--split", "1M"]:
+            check_failure(1, ["plain.sdv", "-o", "new.avi", *options], said, failing_disk("plain.sdv", (start, 1 << 40)))
+
+
 def many_at_a_time():
     Path(os.fsdecode(b"tree/\xff\x1b.sdv")).write_bytes(Path("damaged.sdv").read_bytes())
     command = [SDV2AVI, "-r", "tree", "-o", "new", "-j", "2", "--strict"]
@@ -236,5 +277,6 @@ if __name__ == "__main__":
     go_through([(what, check_failure, *rest) for what, *rest in FAILURES]
                + [(what, check_success, *rest) for what, *rest in SUCCESSES]
                + [("SIGTERM", check_signal, signal.SIGTERM, False), ("SIGINT", check_signal, signal.SIGINT, True)]
-               + [(check.__name__, check) for check in (parts_together, standard_input, many_at_a_time,
+               + [(f"unreadable: {what}", check_unreadable, *rest) for what, *rest in UNREADABLE]
+               + [(check.__name__, check) for check in (parts_together, standard_input, nothing_readable, many_at_a_time,
                                                         progress_on_a_terminal, avicheck, sdvmake)], prepare)
