@@ -138,6 +138,69 @@ def check_signal(number, to_all):
     assert contents() == before, "files came or went"
 
 
+def start_long():
+    """A conversion at work, and its temporary file."""
+    running = subprocess.Popen([SDV2AVI, "long.sdv"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                               start_new_session=True)
+    deadline = time.monotonic() + 20
+    while not (found := [path for path in Path(".").glob("long.avi.*") if path.stat().st_size]):
+        assert running.poll() is None and time.monotonic() < deadline, "no temporary file was seen"
+    return running, found[0]
+
+
+def killed():
+    """What a killed worker leaves goes with it, or with the next run; what another run, or somebody, has stays."""
+    for name in "a.avi.quorlin-12345", "a.avi.quorlin-12345G", "a.avi.quorlin-1234567", ".quorlin-123456":
+        Path(name).write_bytes(OLD)
+    Path("a.quorlin-123456").mkdir()
+    os.symlink("out.avi", "b.quorlin-123456")
+    before = contents()
+    worker_of = lambda pid: int(Path(f"/proc/{pid}/task/{pid}/children").read_text())
+    running, _ = start_long()
+    os.kill(worker_of(running.pid), signal.SIGKILL)
+    assert b"the conversion was ended: Killed" in running.communicate(timeout=20)[1], "another cause"
+    assert contents() == before, "files came or went"
+    gone, left = start_long()
+    os.killpg(gone.pid, signal.SIGKILL)
+    gone.communicate(timeout=20)
+    assert left.exists(), "somebody else tidied up"
+    living, held = start_long()
+    run(SDV2AVI, "plain.sdv", "-o", "next.avi")
+    assert held.exists() and not left.exists(), "not the one whose owner is gone"
+    os.killpg(living.pid, signal.SIGTERM)
+    living.communicate(timeout=20)
+    os.remove("next.avi")
+    assert contents() == before, "files came or went"
+
+
+def planted_links():
+    """Where all can write, nobody else's link leads us to a file of ours; the folder's owner's does."""
+    if os.geteuid() != 0:
+        return print("skipped: links of others can be made by root only")
+    for folder, mode, owner, code in (("tmp", 0o1777, 0, 6), ("theirs", 0o1777, 1234, 0), ("open", 0o777, 0, 0)):
+        os.mkdir(folder)
+        os.symlink("../out.avi", f"{folder}/to.avi")
+        os.symlink(f"{folder}/to.avi", f"{folder}.avi")
+        os.chown(f"{folder}/to.avi", 1234, 1234, follow_symlinks=False)
+        os.chown(folder, owner, owner)
+        os.chmod(folder, mode)
+        for name in f"{folder}/to.avi", f"{folder}.avi":
+            Path("out.avi").write_bytes(OLD)
+            done = run(SDV2AVI, "plain.sdv", "-o", name, "--overwrite", code=code)
+            expect("the file is harmed", Path("out.avi").read_bytes() != OLD, code == 0)
+            assert ("link of another user" in done.stderr) == (code != 0), done
+
+
+def key_in_environment():
+    """Who looks at the process later does not find the key that it was started with."""
+    running = subprocess.Popen([SDV2AVI, "-", "-o", "new.avi"], env={**os.environ, "SDV_KEY": KEY, "LAST": "one"},
+                               stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    deadline = time.monotonic() + 20
+    while KEY.encode() in (shown := Path(f"/proc/{running.pid}/environ").read_bytes()) or b"LAST=one" not in shown:
+        assert running.poll() is None and time.monotonic() < deadline, "the key can be read"
+    running.communicate(b"", timeout=20)
+
+
 def parts_together():
     """A signal that comes when the first part has its name finds all of them in their places."""
     stream = Path("plain.sdv").read_bytes()
@@ -278,5 +341,6 @@ if __name__ == "__main__":
                + [(what, check_success, *rest) for what, *rest in SUCCESSES]
                + [("SIGTERM", check_signal, signal.SIGTERM, False), ("SIGINT", check_signal, signal.SIGINT, True)]
                + [(f"unreadable: {what}", check_unreadable, *rest) for what, *rest in UNREADABLE]
-               + [(check.__name__, check) for check in (parts_together, standard_input, nothing_readable, many_at_a_time,
-                                                        progress_on_a_terminal, avicheck, sdvmake)], prepare)
+               + [(check.__name__, check) for check in (
+                   parts_together, standard_input, nothing_readable, killed, planted_links, key_in_environment,
+                   many_at_a_time, progress_on_a_terminal, avicheck, sdvmake)], prepare)

@@ -212,6 +212,7 @@ cli::Exit give_up(Run& run, const std::string& path, const std::string& why, cli
 bool write_page(const std::string& target, const std::string& page, std::string& why)
 {
     tools::TempOutput beside;
+    tools::remove_abandoned_temps(target);
     if (!tools::create_temp(beside, target, why)) return false;
     tools::OutputFile output(beside.path);
     const auto* bytes = reinterpret_cast<const uint8_t*>(page.data());

@@ -184,6 +184,7 @@ bool write_copy(const avi::File& file, const std::string& target, const Ending& 
                 uint64_t end, std::string& why, bool replace = true)
 {
     TempOutput beside;
+    remove_abandoned_temps(target);
     if (!create_temp(beside, target, why)) return false;
     OutputFile output(beside.path);
     const bool written = output.file && write_output(output, ending.headers) &&
