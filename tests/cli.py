@@ -262,7 +262,8 @@ def nothing_readable():
     """No file of zeros comes out of an input that cannot be read at all, nor behind its header."""
     for start, said in (0, "plain.sdv: cannot be read: Input/output"), (88, "162925 bytes at 88 could not be read"):
         for options in [], ["--split", "1M"]:
-            check_failure(1, ["plain.sdv", "-o", "new.avi", *options], said, failing_disk("plain.sdv", (start, 1 << 40)))
+            bad = failing_disk("plain.sdv", (start, 1 << 40))
+            check_failure(1, ["plain.sdv", "-o", "new.avi", *options], said, bad)
 
 
 def many_at_a_time():
