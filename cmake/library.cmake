@@ -30,12 +30,16 @@ set(QUORLIN_SOURCES
   converter/Quorlin_recorder.cpp
   converter/Quorlin_report.cpp
   converter/Quorlin_late_audio.cpp
+  converter/Quorlin_running.cpp
   converter/Quorlin_file.cpp
   converter/Quorlin_window.cpp
   converter/Quorlin_thread.cpp
   converter/Quorlin_changefile.cpp
   converter/Quorlin_entry.cpp
   converter/Quorlin_stream.cpp)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  list(APPEND QUORLIN_SOURCES util/arm_unwind.cpp)
+endif()
 
 # One list of exported names makes the linker's map; a test holds the built library against the same list.
 set(QUORLIN_EXPORT_LIST ${CMAKE_SOURCE_DIR}/cmake/exports.txt)
@@ -61,12 +65,16 @@ target_include_directories(quorlin PUBLIC
 target_compile_definitions(quorlin PRIVATE QUORLIN_BUILDING _FILE_OFFSET_BITS=64)
 target_compile_options(quorlin PRIVATE
   -Wconversion -Wno-sign-conversion
-  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-asynchronous-unwind-tables
+  -fno-exceptions -fno-rtti -fno-threadsafe-statics
+  # A caller's own destructors run when its thread is cancelled in here, and its backtraces pass through us.
+  -fasynchronous-unwind-tables
   -ffunction-sections -fdata-sections)
+quorlin_harden(quorlin)
 # -Bsymbolic-functions: another library's encrypt() or Initialize() must not step between our own calls.
+# nodelete: the loop's threads never end, so their code stays where it is.
 target_link_options(quorlin PRIVATE
   -Wl,--version-script=${QUORLIN_EXPORT_MAP} -Wl,-Bsymbolic-functions
-  -Wl,--gc-sections -Wl,-z,relro -Wl,-z,now)
+  -Wl,--gc-sections -Wl,-z,relro -Wl,-z,now -Wl,-z,nodelete)
 if(NOT QUORLIN_SANITIZE)
   target_link_options(quorlin PRIVATE -Wl,--no-undefined)
 endif()

@@ -32,9 +32,6 @@ QUORLIN_API void gen_tabs(void);
  */
 QUORLIN_API void set_key(STR_AES* pStrAES, const unsigned char* in_key, const unsigned long key_len);
 
-/** Encipher the 16 bytes at in_blk into out_blk, which may be the same place. */
-QUORLIN_API void encrypt(STR_AES* pStrAES, const unsigned char* in_blk, unsigned char* out_blk);
-
 /** Decipher the 16 bytes at in_blk into out_blk, which may be the same place. */
 QUORLIN_API void decrypt(STR_AES* pStrAES, const unsigned char* in_blk, unsigned char* out_blk);
 
@@ -61,6 +58,26 @@ QUORLIN_API int expand_key(unsigned char* ucSrcPwd, int _iSrcLen, unsigned char*
  */
 QUORLIN_API int video_AES_CTR(unsigned char* _pcVData, int _iDataLen, unsigned int _iCTRKey,
                               unsigned char* _pucAESKey, int _iAESKeyLen);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
+
+/*
+ * Some C libraries declare an encrypt() of their own in <unistd.h>. Ours is declared for those who include
+ * this header, and not for those who get it by way of Quorlin.h.
+ */
+#if !defined(QUORLIN_AES_ENCRYPT) && !defined(QUORLIN_AES_WITHOUT_ENCRYPT)
+#define QUORLIN_AES_ENCRYPT
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Encipher the 16 bytes at in_blk into out_blk, which may be the same place. */
+QUORLIN_API void encrypt(STR_AES* pStrAES, const unsigned char* in_blk, unsigned char* out_blk);
 
 #ifdef __cplusplus
 }

@@ -24,7 +24,8 @@ static BOOL sizes_add_up(const BYTE* _pFrmHeader, uint32_t _uLimit)
     if (header.u32FrameSize > _uLimit || header.u32VStreamLen > _uLimit) return 0;
 
     const uint32_t slots = (header.u16AFrames >> 8) + (header.u16AFrames & 0xFFu);
-    return header.u32FrameSize == header.u32VStreamLen + slots * header.u16AFrameSize + sizeof(header);
+    return header.u32FrameSize ==
+           header.u32VStreamLen + slots * header.u16AFrameSize + static_cast<uint32_t>(sizeof(header));
 }
 
 BOOL IsValidFileHeader(S_FileHeader* _pFileHeader)

@@ -96,7 +96,9 @@ QUORLIN_API int GetMPEG4FrmSize(unsigned char* _pFrmHeader);
 
 #ifdef __cplusplus
 }
+#endif
 
+#if defined(__cplusplus) && __cplusplus >= 201103L
 static_assert(sizeof(S_FileHeader) == 88 && sizeof(S_FrameHeader) == 32, "headers lie as in the file");
 #endif
 

@@ -29,7 +29,11 @@
  *
  * Threads. Conversions must not be started from two threads at once, and a file conversion and the streaming
  * calls must not overlap. m_iPosition and m_iIsSwitching may be read from any thread at any time (atomically,
- * where the reader's language asks for it).
+ * where the reader's language asks for it). CancelConversion() stops a file conversion. StopRecord() and
+ * StopRecordEx() leave one that runs alone and give 1; Initialize() and QuorlinRelease() wait for its end.
+ *
+ * A thread that is cancelled (pthread_cancel()) inside a call finishes it, a whole conversion too, and is
+ * cancelled behind it. A child that is forked while a conversion runs leaves the converter alone.
  *
  * Files. A conversion that fails removes the file at the output path, also one that was there before; so does
  * one that cannot open its input any more when it begins. Output files are created with the process's umask.
@@ -44,7 +48,9 @@
 #include <stdio.h>
 
 #include "ADTSFrame.h"
+#define QUORLIN_AES_WITHOUT_ENCRYPT
 #include "AES.h"
+#undef QUORLIN_AES_WITHOUT_ENCRYPT
 #include "CLS_SingleAviIndex.h"
 #include "CommonFun.h"
 #include "libos.h"
@@ -212,7 +218,7 @@ typedef struct strSdv2Avi
     int32_t m_iRecFileType;       /* 0 none, 1 AVI */
     S_FileHeader m_Header;        /* of the recording; a streaming caller fills it in */
     int32_t m_iPosition;          /* 0..99 percent; 100 finished; -1 input, -2 output, -3 memory,
-                                     -4 no key frame */
+                                     -4 no key frame, -5 cancelled */
     AVI_IndexBlock* m_IndexBlock; /* block being filled */
     pthread_t m_tChangeid;        /* the conversion thread, 0 when none was started */
     FILE* m_fsRec;                /* the AVI file while a recording is open */
@@ -246,7 +252,7 @@ extern QUORLIN_API TSdv2Avi g_tSdv2Avi;
 /**
  * Prepare the job: every field is reset but the key and an index block that is still held; the stream buffer,
  * the lists and the locks are made. Earlier ones are not released: each Initialize() is followed by one
- * QuorlinRelease() before the next.
+ * QuorlinRelease() before the next. While a file conversion runs in another thread it waits for its end.
  *
  * When the stream buffer cannot be had, "******************malloc failed********************" goes to
  * standard error, m_pStreamBuf is NULL and the streaming calls refuse what they are given; the rest of the
@@ -261,6 +267,7 @@ QUORLIN_API int Initialize(int _iAudioSampleRate);
  * Give back what the job owns: index blocks, lists, stream buffer, locks. An output that is still open is
  * closed without headers. The key, the paths, m_Header, m_iDestType, m_iPosition and the counts
  * m_iTotalFrames and m_iAudioFrames stay readable. Harmless when it is called twice, or without Initialize().
+ * While a file conversion runs in another thread it waits for its end.
  *
  * @return 0
  */
@@ -284,10 +291,10 @@ QUORLIN_API int SetDecryptKey(unsigned char* _pucDecryptKey, int _iKeyLen);
  * @param _iFrameSize its size in bytes; nothing beyond is touched
  * @param _ulFrameNo  not used: the counter is the header's u32FrameNO
  * @return 0 deciphered, and the H.264 start code 00 00 00 01 found;
- *         -1 no buffer, or a size below 32;
+ *         -1 no buffer, or a size below 32, in mode 21;
  *         -2 enciphered, but no key is set, or one of more than 16 bytes (nothing is touched);
- *         -3 nothing to do: the stream's mode is not 21, or the frame is not marked;
- *         -4 deciphered, but no start code: a wrong key
+ *         -3 nothing to do: the stream's mode is not 21, whatever the arguments are, or the frame is not
+ * marked; -4 deciphered, but no start code: a wrong key
  */
 QUORLIN_API int CA_DecryptFrame(unsigned char* _pucBuff, int _iFrameSize, unsigned long _ulFrameNo);
 
@@ -340,8 +347,8 @@ QUORLIN_API void errorprint(char* _string);
  * The conversion thread's body: m_szInputPath in, m_szOutputPath out, skipping damage. Outcomes in
  * m_iPosition and their texts: 100; -1 "140217====6666" input cannot be opened, or its header not be read; -2
  * output cannot be started or written, or would pass the size limit; -3 "140217====7777" or "140217====9999"
- * no memory, before the first frame or later; -4 "140217====8888" no key frame. A negative outcome leaves no
- * output file.
+ * no memory, before the first frame or later; -4 "140217====8888" no key frame; -5 cancelled. A negative
+ * outcome leaves no output file.
  *
  * Only frames with the flag 00 00 00 02 are found (modes 21 and 41): recordings of other modes are pushed.
  *
@@ -375,9 +382,19 @@ QUORLIN_API int HeaderChange(void);
  *         1 the input or its header cannot be read ("Can't read the inputfile!" and a line end);
  *         2 the recording cannot be started, or input and output are the same file ("Record failed!" and two
  *         line ends), or it could not be written whole (the output is then removed);
- *         3 no memory; nothing is left open
+ *         3 no memory; nothing is left open;
+ *         4 cancelled (the output is removed)
  */
 QUORLIN_API int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath);
+
+/**
+ * Stop the file conversion that runs. From any thread, and from a signal handler. It ends before its next
+ * frame, with the outcome -5, without an output file, m_iIsSwitching 0; the call that waits for it returns 0
+ * (ChangeFile2AVI() 4). To know when, wait for that call. A conversion that is started later is not affected.
+ *
+ * @return 1 when the conversion will end so; 0 when none runs, or its outcome stands already
+ */
+QUORLIN_API int CancelConversion(void);
 
 /* What became of a recording's frames and bytes. Fields are added behind these, never between them. */
 typedef struct SdvReport
@@ -428,6 +445,8 @@ QUORLIN_API int GetConversionReport(SdvReport* _pReport);
  * Open an AVI file for recording. m_Header gives the audio rate and channel count. Takes no lock: not while a
  * push or a stop is under way.
  *
+ * A call that is refused has taken over audio rate and channel count by then, too.
+ *
  * @param _iDDrawIndex, _iAVI not used
  * @param _cFileName   created or truncated; must be a file that can be sought
  * @return 0 when it is open; -9 when it cannot be opened, or is a pipe, or a recording is already open (which
@@ -459,8 +478,8 @@ QUORLIN_API int RecordAvi(unsigned char* _ucData, int _iLength);
  *
  * @param _iDDrawIndex not used
  * @return 0, also when no file was open; 1 when something could not be written, or a chunk could not be
- *         indexed for want of memory; 2 when frames were dropped because the file had reached its size limit
- *         (what it holds is sound)
+ *         indexed for want of memory, or while a file conversion runs (nothing happens then); 2 when frames
+ * were dropped because the file had reached its size limit (what it holds is sound)
  */
 QUORLIN_API int StopRecord(int _iDDrawIndex);
 
@@ -468,9 +487,10 @@ QUORLIN_API int StopRecord(int _iDDrawIndex);
  * Is this audio slot to be written?
  *
  * @param _iAudioType     audio code of the stream
- * @param _pEncAudioData  the slot, _iLen bytes
- * @return codes 1, 2, 3: 1 when the slot begins with 00 01 N 00, N being (_iLen - 4) / 2; code 22: 1; other
- *         codes and slots shorter than 4 bytes: 0
+ * @param _pEncAudioData  the slot, _iLen bytes; not looked at for code 22
+ * @param _iLen           a negative length counts as one of 2147483648 bytes and more
+ * @return codes 1, 2, 3: 1 when the slot begins with 00 01 N 00, N being (_iLen - 4) / 2, and 0 for NULL;
+ * code 22: 1; other codes and slots shorter than 4 bytes: 0
  */
 QUORLIN_API BOOL CheckAudio(int _iAudioType, LPBYTE _pEncAudioData, int _iLen);
 
@@ -493,7 +513,8 @@ QUORLIN_API int RecordAviEx(unsigned char* _ucData, int _iLength);
  *  RecordAvi()'s result, 0 when there was none. */
 QUORLIN_API int SearchAndRecordFrame(void);
 
-/** StopRecord() under m_LockAviFile. Bytes of an unfinished frame stay in the buffer until Initialize(). */
+/** StopRecord() under m_LockAviFile. Bytes of an unfinished frame stay in the buffer until Initialize().
+ * While a file conversion runs nothing happens, and the result is 1. */
 QUORLIN_API int StopRecordEx(int _iDDrawIndex);
 
 /* ---------------------------------------------------------------------------------------------------------

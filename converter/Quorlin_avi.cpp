@@ -310,6 +310,7 @@ static int write_audio_strl()
 
 int AVI_WriteFileHeader(AVI_Header _aviHeader, AVI_MediaType _mediaType)
 {
+    const CancelGuard whole;
     if (!g_tSdv2Avi.m_fsRec || write_hdrl(_aviHeader, _mediaType) != 0) return 1;
 
     const bool video = _mediaType == AVI_Video || _mediaType == AVI_VideoAndAudio;
@@ -323,6 +324,7 @@ int write_movi_header(uint32_t size, AVI_MediaType type)
 {
     if (!g_tSdv2Avi.m_fsRec) return 1;
 
+    const CancelGuard whole;
     AVI_MoviHeader movi = {fourcc("LIST"), size, fourcc("movi")};
     seek_file(AVI_MoviSkipLen(type), SEEK_SET);
     write_record(movi);

@@ -2,6 +2,7 @@
 
 #include "Quorlin_file.h"
 #include "Quorlin_internal.h"
+#include "Quorlin_running.h"
 #include "Quorlin_window.h"
 
 // The older conversion: it believes the file header's frame count and every frame header.
@@ -28,7 +29,7 @@ static int abandon(const char* path, int result)
     return result;
 }
 
-int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
+static int change_file(const char* inputpath, const char* outpath)
 {
     static char s_szCannotRead[] = "Can't read the inputfile!";
     static char s_szCannotRecord[] = "Record failed!\n";
@@ -37,7 +38,7 @@ int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
     job.m_iRecFileType = 1;
     InputFile input;
     S_FileHeader header;
-    if (!open_input(input, _cpinputpath) || !read_file_header(input, header)) {
+    if (!open_input(input, inputpath) || !read_file_header(input, header)) {
         errorprint(s_szCannotRead);
         return 1;
     }
@@ -45,8 +46,8 @@ int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
     if (!open_window(window)) return 3;
 
     job.m_Header = header;
-    const bool same = _cpoutpath && is_same_file(_cpinputpath, _cpoutpath);
-    if (same || StartRecord(1, _cpoutpath, 1) < 0) {
+    const bool same = outpath && is_same_file(inputpath, outpath);
+    if (same || StartRecord(1, outpath, 1) < 0) {
         errorprint(s_szCannotRecord);
         return 2;
     }
@@ -56,9 +57,20 @@ int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
     window.before_change = flush_gathered;
     begin_gathering();
     int32_t i = 0;
-    while (i < frames && record_next(window, fill)) ++i;
+    while (i < frames && !is_cancelled() && record_next(window, fill)) ++i;
     if (i < frames) note_skipped(window_position(window), input_end(window));
     end_gathering();
-    if (StopRecord(1) != 0) return abandon(_cpoutpath, 2);
-    return fill == Fill::no_memory ? abandon(_cpoutpath, 3) : 0;
+    const bool whole = finish_recording() == 0;
+    if (close_to_cancelling()) return abandon(outpath, 4);
+    if (!whole) return abandon(outpath, 2);
+    return fill == Fill::no_memory ? abandon(outpath, 3) : 0;
+}
+
+int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
+{
+    const CancelGuard whole;
+    begin_conversion();
+    const int result = change_file(_cpinputpath, _cpoutpath);
+    end_conversion();
+    return result;
 }

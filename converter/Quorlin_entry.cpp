@@ -1,16 +1,12 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <atomic>
-
 #include "Quorlin_file.h"
 #include "Quorlin_internal.h"
+#include "Quorlin_running.h"
 
 static const size_t PATH_SIZE = sizeof(TSdv2Avi::m_szInputPath);
 static_assert(PATH_SIZE == 260 && sizeof(TSdv2Avi::m_szOutputPath) == PATH_SIZE);
-
-// Threads of StartChange() that have not ended, whatever the exported flag was set to meanwhile.
-static std::atomic<int> s_iConversionsRunning;
 
 void errorprint(char* _string)
 {
@@ -33,19 +29,18 @@ static void copy_path(char (&to)[PATH_SIZE], const char* path)
 // ---- the thread's life
 // --------------------------------------------------------------------------------------
 
-static void* run_conversion(void* job)
+// The handle is exported, so the thread can be cancelled: it goes on all the same.
+static void* run_conversion(void*)
 {
-    ThreadChangeProc(job);
-    s_iConversionsRunning.fetch_sub(1);
+    const CancelGuard whole;
+    convert_in_thread();
     return nullptr;
 }
 
 static bool start_conversion(TSdv2Avi& job)
 {
     PlainLock guard(g_tWaited.lock);
-    s_iConversionsRunning.fetch_add(1);
-    if (pthread_create(&job.m_tChangeid, nullptr, run_conversion, &job) != 0) {
-        s_iConversionsRunning.fetch_sub(1);
+    if (pthread_create(&job.m_tChangeid, nullptr, run_conversion, nullptr) != 0) {
         job.m_tChangeid = 0;
         return false;
     }
@@ -89,16 +84,17 @@ static int test_input(const char* inputpath, const char* outpath)
     return 0;
 }
 
-int StartChange(char* _cpinputpath, char* _cpoutpath)
+// The conversion has begun: see begin_conversion().
+static int convert_file(const char* inputpath, const char* outpath)
 {
     TSdv2Avi& job = g_tSdv2Avi;
-    const int refused = test_input(_cpinputpath, _cpoutpath);
+    const int refused = test_input(inputpath, outpath);
     if (refused != 0) return refused;
 
     WaitThreadTerminate();
     publish(job.m_iIsSwitching, 1);
-    copy_path(job.m_szInputPath, _cpinputpath);
-    copy_path(job.m_szOutputPath, _cpoutpath);
+    copy_path(job.m_szInputPath, inputpath);
+    copy_path(job.m_szOutputPath, outpath);
     if (!start_conversion(job)) {
         publish(job.m_iIsSwitching, 0);
         return -3;
@@ -107,9 +103,17 @@ int StartChange(char* _cpinputpath, char* _cpoutpath)
     return 0;
 }
 
-int TC_SDVtoAVI(int, char* _pcSrcFullPath, char* _pcDestFullPath)
+int StartChange(char* _cpinputpath, char* _cpoutpath)
 {
-    TSdv2Avi& job = g_tSdv2Avi;
+    const CancelGuard whole;
+    begin_conversion();
+    const int result = convert_file(_cpinputpath, _cpoutpath);
+    end_conversion();
+    return result;
+}
+
+static int refuse_while_busy(TSdv2Avi& job)
+{
     if (observe(job.m_iIsSwitching) != 0) return -1;
 
     const int32_t position = observe(job.m_iPosition);
@@ -117,7 +121,14 @@ int TC_SDVtoAVI(int, char* _pcSrcFullPath, char* _pcDestFullPath)
         fputs("140217====1111", stdout);
         return -2;
     }
-    return StartChange(_pcSrcFullPath, _pcDestFullPath);
+    return 0;
+}
+
+int TC_SDVtoAVI(int, char* _pcSrcFullPath, char* _pcDestFullPath)
+{
+    const CancelGuard whole;
+    const int busy = refuse_while_busy(g_tSdv2Avi);
+    return busy ? busy : StartChange(_pcSrcFullPath, _pcDestFullPath);
 }
 
 static int refuse()
@@ -128,17 +139,18 @@ static int refuse()
 
 int KtConvert_SDVtoAVI(char* _pcSrcFullPath, char* _pcDestFullPath)
 {
-    if (!path_fits(_pcSrcFullPath) || !path_fits(_pcDestFullPath) || s_iConversionsRunning.load() > 0)
-        return refuse();
+    const CancelGuard whole;
+    if (!path_fits(_pcSrcFullPath) || !path_fits(_pcDestFullPath) || !try_begin_conversion()) return refuse();
 
-    // Copies of our own: Initialize() clears the job's paths, which the caller may have handed in.
+    // Copies of our own: preparing the job clears its paths, which the caller may have handed in.
     char source[PATH_SIZE];
     char destination[PATH_SIZE];
     copy_path(source, _pcSrcFullPath);
     copy_path(destination, _pcDestFullPath);
-    Initialize(8000);
-    const int result = TC_SDVtoAVI(0, source, destination);
+    prepare_job(8000);
+    const int result = convert_file(source, destination); // the job is new: it cannot be busy
     const int answer = result == 0 ? 0 : refuse();
-    QuorlinRelease();
+    release_job();
+    end_conversion();
     return answer;
 }

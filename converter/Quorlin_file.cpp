@@ -16,8 +16,11 @@ bool open_input(InputFile& input, const char* path)
     if (!path || stat(path, &status) != 0) return false;
     if (!S_ISREG(status.st_mode)) return true;
 
-    // Not blocking, in case the file has just become a pipe.
-    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    // Not blocking, in case the file has just become a pipe. What would block is a file that a server holds a
+    // lease on: it gives that up to those who wait.
+    const int flags = O_RDONLY | O_NOCTTY | O_CLOEXEC;
+    int fd = open(path, flags | O_NONBLOCK);
+    if (fd == -1 && errno == EWOULDBLOCK) fd = open(path, flags);
     if (fd == -1) return false;
     if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         close(fd);

@@ -51,6 +51,7 @@ int AVI_WriteIndexHeader(int _iTotalFrames)
 {
     if (!g_tSdv2Avi.m_fsRec || _iTotalFrames <= 0) return 1;
 
+    const CancelGuard whole;
     AVI_IndexHeader header = {fourcc("idx1"),
                               static_cast<DWORD>(_iTotalFrames) * DWORD{sizeof(AVI_IndexEntity)}};
     seek_file(0, SEEK_END);
@@ -66,6 +67,7 @@ static void write_entries(AVI_IndexBlock& block, int count)
 
 int AVI_CreateAVIIndex(int _iTotalFrames, AVI_MediaType)
 {
+    const CancelGuard whole;
     TSdv2Avi& job = g_tSdv2Avi;
     AVI_WriteIndexHeader(_iTotalFrames);
     {

@@ -39,6 +39,17 @@ struct WaitedThread
 };
 extern WaitedThread g_tWaited;
 
+// ---- job (Quorlin_job.cpp) ----
+
+// As Initialize() and QuorlinRelease(), for the conversion that runs.
+void prepare_job(int _iAudioSampleRate);
+void release_job();
+
+// ---- conversion (Quorlin_thread.cpp) ----
+
+// As ThreadChangeProc(), when the conversion has begun.
+void convert_in_thread();
+
 // ---- output (Quorlin_output.cpp) ----
 
 // Between these two, WriteTofile() gathers: bytes handed to it stay where they are until flush_gathered().
@@ -115,6 +126,9 @@ void note_unreadable(uint64_t from, uint64_t end);
 void consume_stream(uint64_t len);
 
 // ---- recorder (Quorlin_recorder.cpp) ----
+
+// As StopRecord(), for the conversion that runs.
+int finish_recording();
 
 // Was a chunk written without an entry in the index, for want of memory?
 bool index_entry_lost();

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "Quorlin_internal.h"
+#include "Quorlin_running.h"
 
 static const int32_t STREAM_BUFFER_SIZE = 6291456;
 
@@ -77,7 +78,7 @@ static void clear_recording(TSdv2Avi& job)
     publish(job.m_iPosition, 0);
 }
 
-int Initialize(int _iAudioSampleRate)
+void prepare_job(int _iAudioSampleRate)
 {
     TSdv2Avi& job = g_tSdv2Avi;
     reset_report();
@@ -92,6 +93,14 @@ int Initialize(int _iAudioSampleRate)
     SingleAviIndexInit();
     s_bLocksLive = true;
     if (!job.m_IndexBlock) job.m_IndexBlock = MallocIndexBlock();
+}
+
+// Somebody who presses cancel calls these first, while a conversion has the job.
+int Initialize(int _iAudioSampleRate)
+{
+    const CancelGuard whole;
+    await_conversion_end();
+    prepare_job(_iAudioSampleRate);
     return 0;
 }
 
@@ -109,7 +118,7 @@ static void destroy_locks(TSdv2Avi& job)
     s_bLocksLive = false;
 }
 
-int QuorlinRelease(void)
+void release_job()
 {
     TSdv2Avi& job = g_tSdv2Avi;
     return_queued_blocks();
@@ -122,5 +131,12 @@ int QuorlinRelease(void)
     destroy_list(job.m_lstIndex);
     destroy_list(m_lstIndexPoll);
     destroy_locks(job);
+}
+
+int QuorlinRelease(void)
+{
+    const CancelGuard whole;
+    await_conversion_end();
+    release_job();
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "Quorlin_internal.h"
+#include "Quorlin_running.h"
 
 // Audio that first appears after a layout for video only: its chunks are in the file, but the header area has
 // no room for its stream headers. The chunks are moved up, from the end, so that nothing is overwritten
@@ -78,7 +79,8 @@ Moved move_chunks_up(FILE* file, int64_t end, int64_t index)
     for (int64_t rest = end; moved && rest > begin;) {
         const size_t len = static_cast<size_t>(std::min<int64_t>(BLOCK, rest - begin));
         rest -= static_cast<int64_t>(len);
-        moved = read_whole(fd, block, len, rest) && write_whole(fd, block, len, rest + late_audio_room());
+        moved = !is_cancelled() && read_whole(fd, block, len, rest) &&
+                write_whole(fd, block, len, rest + late_audio_room());
     }
     return moved ? Moved::whole : Moved::torn;
 }

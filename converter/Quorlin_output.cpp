@@ -124,6 +124,7 @@ int WriteTofile(UCHAR* _dataBuf, int _idataLen)
     if (!file) return -1;
     if (!_dataBuf || _idataLen <= 0) return 0;
 
+    const CancelGuard whole;
     // A write that fails leaves its mark, which is asked for when the recording is stopped.
     if (s_gather.on)
         gather(_dataBuf, _idataLen);

@@ -1,8 +1,11 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <utility>
+
 #include "Quorlin_file.h"
 #include "Quorlin_internal.h"
+#include "Quorlin_running.h"
 
 static const int CODE_ALAW = 1;
 static const int CODE_MULAW = 2;
@@ -20,6 +23,9 @@ static bool s_bLimitReached;
 // Set when there was no memory for the entry of a chunk: players that go by the index miss that chunk.
 static bool s_bEntryLost;
 
+// StartRecord() was called once more while frames were being recorded: they go on where the last one ended.
+static bool s_bGoesOn;
+
 // A frame taken apart; every part lies inside it.
 struct FrameParts
 {
@@ -35,6 +41,7 @@ static void forget_trouble()
 {
     s_bLimitReached = false;
     s_bEntryLost = false;
+    s_bGoesOn = false;
     forget_output();
 }
 
@@ -66,11 +73,13 @@ static bool open_clean_file(TSdv2Avi& job, const char* path)
 
 int StartRecord(int, const char* _cFileName, int)
 {
+    const CancelGuard whole;
     TSdv2Avi& job = g_tSdv2Avi;
     job.m_iAudioSampleRate = static_cast<int32_t>(job.m_Header.SamplesPerSec);
     job.m_iAudioChannel = job.m_Header.AChannels;
     if (!_cFileName) return -99;
 
+    if (job.m_fsRec && job.m_iAviInitTimes != 0) s_bGoesOn = true;
     const bool opened = !job.m_fsRec && open_clean_file(job, _cFileName);
     job.m_iRecFileType = 1;
     job.m_iAviInitTimes = 0;
@@ -106,8 +115,7 @@ static void lay_out(TSdv2Avi& job)
     if (job.m_iAviInitTimes != 0 || !job.m_fsRec) return;
 
     job.m_iAviInitTimes = 1;
-    // StartRecord() was called once more while frames were being recorded: they go on where the last ended.
-    if (job.m_bWriteHead) return;
+    if (std::exchange(s_bGoesOn, false)) return;
 
     const AVI_MediaType type = media_type(job);
     AVI_init(type);
@@ -145,34 +153,55 @@ static bool write_chunk(TSdv2Avi& job, AVI_FrameHeader& header, unsigned char* d
     return true;
 }
 
-static void write_audio_chunk(TSdv2Avi& job, unsigned char* data, uint32_t len)
+static void write_audio_chunk(TSdv2Avi& job, AVI_FrameHeader& header, unsigned char* data, uint32_t len)
 {
-    if (write_chunk(job, job.m_AudioFrameHeader, data, len, KIND_AUDIO)) job.m_iAudioFrames += 1;
+    if (write_chunk(job, header, data, len, KIND_AUDIO)) job.m_iAudioFrames += 1;
 }
 
 // One chunk for each ADTS frame in the slot. What remains behind the last whole one is padding.
+// m_AudioFrameHeader stays that of a whole slot.
 static void write_adts_frames(TSdv2Avi& job, unsigned char* slot, uint32_t size)
 {
+    AVI_FrameHeader header = job.m_AudioFrameHeader;
     while (size > ADTS_HEADER) {
         InitHeader(slot);
         const uint32_t len = static_cast<uint32_t>(GetHeader()->aac_frame_lenght);
         if (len < ADTS_HEADER || len > size) return;
-        write_audio_chunk(job, slot + ADTS_HEADER, len - ADTS_HEADER);
+        write_audio_chunk(job, header, slot + ADTS_HEADER, len - ADTS_HEADER);
         slot += len;
         size -= len;
     }
 }
 
-static void write_slots(TSdv2Avi& job, unsigned char* slots, uint32_t count, uint32_t size)
+enum class SlotForm
+{
+    whole, // without its prefix
+    split, // into ADTS frames
+    left_out
+};
+
+static SlotForm form_before_video(const TSdv2Avi& job)
+{
+    return job.m_iHaveAudio == CODE_AAC ? SlotForm::split : SlotForm::whole;
+}
+
+// Only here callers can choose, by m_iDestType.
+static SlotForm form_behind_video(const TSdv2Avi& job)
+{
+    if (job.m_iDestType != 1) return SlotForm::whole;
+    return job.m_iHaveAudio == CODE_AAC ? SlotForm::split : SlotForm::left_out;
+}
+
+static void write_slots(TSdv2Avi& job, unsigned char* slots, uint32_t count, uint32_t size, SlotForm form)
 {
     if (job.m_iHaveAudio == 0) return;
 
     for (uint32_t i = 0; i < count; ++i) {
         unsigned char* slot = slots + i * size;
         if (!CheckAudio(job.m_iHaveAudio, slot, static_cast<int>(size))) continue;
-        if (job.m_iDestType != 1)
-            write_audio_chunk(job, slot + G711_PREFIX, size - G711_PREFIX);
-        else if (job.m_iHaveAudio == CODE_AAC)
+        if (form == SlotForm::whole)
+            write_audio_chunk(job, job.m_AudioFrameHeader, slot + G711_PREFIX, size - G711_PREFIX);
+        else if (form == SlotForm::split)
             write_adts_frames(job, slot, size);
     }
 }
@@ -188,9 +217,9 @@ static void write_video(TSdv2Avi& job, const FrameParts& frame)
 BOOL CheckAudio(int _iAudioType, LPBYTE _pEncAudioData, int _iLen)
 {
     const uint32_t len = static_cast<uint32_t>(_iLen);
-    if (len <= 3 || !_pEncAudioData) return 0;
+    if (len <= 3) return 0;
     if (_iAudioType == CODE_AAC) return 1;
-    if (_iAudioType < 1 || _iAudioType > 3) return 0;
+    if (_iAudioType < 1 || _iAudioType > 3 || !_pEncAudioData) return 0;
     return _pEncAudioData[0] == 0 && _pEncAudioData[1] == 1 && _pEncAudioData[2] == (len - G711_PREFIX) / 2 &&
            _pEncAudioData[3] == 0;
 }
@@ -234,9 +263,11 @@ static FrameFate write_frame(TSdv2Avi& job, const FrameParts& frame)
     const bool alone = begin_gathering();
     detect_audio(job, frame.header.u8ACoder);
     lay_out(job);
-    write_slots(job, frame.before, frame.slotsBefore, frame.header.u16AFrameSize);
+    const uint32_t slot = frame.header.u16AFrameSize;
+    if (job.m_iHaveAudio != 0) job.m_AudioFrameHeader.dwFrameSize = slot - G711_PREFIX;
+    write_slots(job, frame.before, frame.slotsBefore, slot, form_before_video(job));
     write_video(job, frame);
-    write_slots(job, frame.after, frame.slotsAfter, frame.header.u16AFrameSize);
+    write_slots(job, frame.after, frame.slotsAfter, slot, form_behind_video(job));
     job.m_bWriteHead = 1;
     if (alone) end_gathering();
     return output_failed() ? FrameFate::not_written : FrameFate::recorded;
@@ -244,6 +275,7 @@ static FrameFate write_frame(TSdv2Avi& job, const FrameParts& frame)
 
 int RecordAvi(unsigned char* _ucData, int _iLength)
 {
+    const CancelGuard whole;
     TSdv2Avi& job = g_tSdv2Avi;
     FrameParts frame;
     FrameFate fate = open_frame(_ucData, _iLength, frame);
@@ -315,7 +347,7 @@ static int finish_file(TSdv2Avi& job)
     return moved == Moved::torn ? 1 : failed;
 }
 
-int StopRecord(int)
+int finish_recording()
 {
     TSdv2Avi& job = g_tSdv2Avi;
     if (!job.m_fsRec) return 0;
@@ -326,6 +358,13 @@ int StopRecord(int)
     job.m_fsRec = nullptr;
     forget_trouble();
     return result == 0 ? trouble : 1;
+}
+
+// A conversion closes its file itself; nobody takes it away from it.
+int StopRecord(int)
+{
+    const CancelGuard whole;
+    return is_conversion_running() ? 1 : finish_recording();
 }
 
 int HVDecReset(void*, short)

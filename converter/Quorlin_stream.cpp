@@ -2,6 +2,7 @@
 #include <string.h>
 
 #include "Quorlin_internal.h"
+#include "Quorlin_running.h"
 
 static const int MODE_MPEG4 = 11;
 static const uint32_t MPEG4_FLAG_MASK = 0x00FCFFFF;
@@ -37,6 +38,7 @@ int SearchAndRecordFrame(void)
     TSdv2Avi& job = g_tSdv2Avi;
     if (!job.m_pStreamBuf) return 0;
 
+    const CancelGuard whole;
     const int mode = job.m_Header.Mode;
     int result = 0;
     int32_t p = 0;
@@ -76,6 +78,9 @@ int RecordAviEx(unsigned char* _ucData, int _iLength)
 
 int StopRecordEx(int _iDDrawIndex)
 {
+    // Whose job this is now may be about to release the lock.
+    if (is_conversion_running()) return 1;
+
     PlainLock guard(g_tSdv2Avi.m_LockAviFile);
     return StopRecord(_iDDrawIndex);
 }

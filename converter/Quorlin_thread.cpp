@@ -4,6 +4,7 @@
 
 #include "Quorlin_file.h"
 #include "Quorlin_internal.h"
+#include "Quorlin_running.h"
 #include "Quorlin_window.h"
 
 static const unsigned char FLAG[4] = {0, 0, 0, 2};
@@ -23,6 +24,7 @@ static const Outcome NO_OUTPUT = {-2, nullptr};
 static const Outcome NO_MEMORY_AT_SEARCH = {-3, "140217====7777"};
 static const Outcome NO_MEMORY_LATER = {-3, "140217====9999"};
 static const Outcome NO_KEY_FRAME = {-4, "140217====8888"};
+static const Outcome CANCELLED = {-5, nullptr};
 
 // ---- finding frames
 // -----------------------------------------------------------------------------------------
@@ -148,8 +150,9 @@ static Outcome convert_frames(ReadWindow& window)
 {
     Progress progress = {sizeof(S_FileHeader), window.input.size};
     Step step = Step::next;
-    while (step == Step::next) step = convert_frame(window, progress);
+    while (step == Step::next && !is_cancelled()) step = convert_frame(window, progress);
 
+    if (step == Step::next) return CANCELLED;
     if (step == Step::no_memory) return NO_MEMORY_LATER;
     return step == Step::end ? FINISHED : NO_OUTPUT;
 }
@@ -181,19 +184,19 @@ static Outcome convert(TSdv2Avi& job)
 
     Outcome outcome = NO_OUTPUT;
     if (StartRecord(1, job.m_szOutputPath, 1) >= 0) outcome = search_and_convert(input);
-    if (StopRecord(outcome.position == FINISHED.position) != 0 && outcome.position == FINISHED.position)
-        outcome = NO_OUTPUT;
+    if (finish_recording() != 0 && outcome.position == FINISHED.position) outcome = NO_OUTPUT;
     return outcome;
 }
 
-void* ThreadChangeProc(void*)
+void convert_in_thread()
 {
     TSdv2Avi& job = g_tSdv2Avi;
-    const Outcome outcome = convert(job);
+    Outcome outcome = convert(job);
+    if (close_to_cancelling()) outcome = CANCELLED;
     if (outcome.position == FINISHED.position) {
         publish(job.m_iIsSwitching, 0);
         publish(job.m_iPosition, outcome.position);
-        return nullptr;
+        return;
     }
 
     publish(job.m_iPosition, outcome.position);
@@ -201,5 +204,13 @@ void* ThreadChangeProc(void*)
     if (!is_same_file(job.m_szInputPath, job.m_szOutputPath)) remove_output(job.m_szOutputPath);
     publish(job.m_iIsSwitching, 0);
     if (outcome.text) fputs(outcome.text, stdout);
+}
+
+void* ThreadChangeProc(void*)
+{
+    const CancelGuard whole;
+    begin_conversion();
+    convert_in_thread();
+    end_conversion();
     return nullptr;
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "Quorlin_internal.h"
+#include "Quorlin_running.h"
 
 static const size_t WINDOW_SIZE = 524288;
 
@@ -74,6 +75,8 @@ bool seek_frame(ReadWindow& window, int kind)
 {
     const uint64_t from = window_position(window);
     while (fill_window(window, FRAME_HEADER_SIZE) == Fill::enough) {
+        if (is_cancelled()) return false;
+
         int found;
         const size_t len = window.held - window.at;
         if (FindFrame(window.bytes + window.at, static_cast<int>(len), &found, kind)) {

@@ -1,4 +1,4 @@
-// Lists of index blocks, and locks that are released on every way out. A list that was never made counts as
+// Lists of index blocks, and guards that are undone on every way out. A list that was never made counts as
 // empty.
 #pragma once
 
@@ -8,8 +8,22 @@
 #include "CLS_SingleAviIndex.h"
 #include "libos.h"
 
+// A cancelled thread ends where it stands: what it had locked stays locked, and what it had begun half done.
+// So a call that locks or leaves something half done on its way is finished first, and its thread is
+// cancelled behind it.
+struct CancelGuard
+{
+    int saved = PTHREAD_CANCEL_ENABLE;
+
+    CancelGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved); }
+    CancelGuard(const CancelGuard&) = delete;
+    CancelGuard& operator=(const CancelGuard&) = delete;
+    ~CancelGuard() { pthread_setcancelstate(saved, nullptr); }
+};
+
 struct PlainLock
 {
+    const CancelGuard whole;
     pthread_mutex_t* const mutex;
     const bool held;
 
@@ -24,6 +38,7 @@ struct PlainLock
 
 struct ListLock
 {
+    const CancelGuard whole;
     DList* const list;
 
     explicit ListLock(DList* wanted) : list(wanted)

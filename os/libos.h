@@ -10,7 +10,16 @@
  *
  * with ": " and the system's error text behind the message where an entry says "with errno".
  *
- * Threads. Any thread may call any operation, under the rules that its section gives.
+ * Threads. Any thread may call any operation, under the rules that its section gives. A thread that is
+ * cancelled (pthread_cancel()) inside a call is cancelled behind it: nothing stays locked or half done.
+ * Cancelled at once are only calls that hold nothing: os_sleep(), os_thread_join(), log_date(), and the TCP
+ * and UDP calls that send and read. After log_buf_lock() a thread is not cancelled before the closing call.
+ *
+ * Child processes. Every descriptor of the layer is close-on-exec. A child that was forked and goes on
+ * without exec has copies of them all and shares the loop's set of descriptors, but has no loop: it calls
+ * nothing of this layer but os_cleanup(). A destroy or close call there would make the parent deaf.
+ *
+ * The library stays loaded once it is: dlclose() does nothing.
  */
 #ifndef QUORLIN_LIBOS_H
 #define QUORLIN_LIBOS_H
@@ -106,9 +115,11 @@ LIBOS_API void os_sleep(int32 i);
  * of the local day, and flushed. Opening a log file removes, from the directory <path>/ ("/root/x1/" while
  * the path is empty), regular files named log_YYYY-MM-DD of a day more than 7 days ago, and regular files
  * whose names begin with "core." and that were modified more than 7 days ago. The logging never reports
- * failures of its own. Lines are cut to 65535 bytes and keep their line end.
+ * failures of its own. Lines are cut to 65534 bytes, the line end among them. A report to a standard error
+ * that is a pipe or socket whose reader has gone raises SIGPIPE: ignore the signal where that can happen.
  *
- * Each report takes about 64 KiB of its thread's stack. All calls leave errno as it was.
+ * The zone is TZ's at the time of the line. Each report takes about 64 KiB of its thread's stack. All calls
+ * leave errno as it was.
  *
  * A line in pieces: log_buf_lock(), then any of log_buf_date() and log_buf_msg(), then one closing call
  * (*_unlock), which finishes the line and writes it. The lock is held between the two; the thread must not
@@ -192,7 +203,8 @@ LIBOS_API DList* adt_dlist_create(uint32 node_size);
 LIBOS_API int adt_dlist_destroy(DList* dlist);
 
 /**
- * Put a copy of the node_size bytes at data before node: at the front when node is NULL.
+ * Put a copy of the node_size bytes at data before node: at the front when node is NULL. In an empty list
+ * node is not looked at.
  *
  * @return the new node; NULL with the list unchanged when no memory is to be had ("malloc fail", with errno)
  *         or data is NULL ("data is null")
@@ -287,7 +299,8 @@ LIBOS_API void ringbuf_destroy(RingBuf* ptbuf);
 /** Bytes stored; negative after more was removed than was stored. 0 for NULL, which is not reported. */
 LIBOS_API int32 ringbuf_datasize(RingBuf* ptbuf);
 
-/** Bytes that can be written at once: bufsize less ringbuf_datasize(). 0 for NULL, which is not reported. */
+/** Bytes that can be written at once: bufsize less ringbuf_datasize(), so more than bufsize after more was
+ * removed than was stored; at most 2147483647. 0 for NULL, which is not reported. */
 LIBOS_API int32 ringbuf_capacity(RingBuf* ptbuf);
 
 /**
@@ -435,9 +448,9 @@ typedef struct LTimer
 LIBOS_API int os_startup(int32 max_cient_num, int32 max_server_num);
 
 /**
- * Close the descriptors of all servers and UDP sockets, before the program ends or replaces itself. Nothing
- * else happens: TCP clients, threads and records stay. Do not use those servers and UDP sockets afterwards.
- * Takes no lock. Always 1.
+ * Close the descriptors of all servers and UDP sockets, before the program ends or replaces itself, or in a
+ * forked child that goes on. Nothing else happens: TCP clients, threads and records stay. Do not use those
+ * servers and UDP sockets afterwards. Takes no lock. Always 1.
  */
 LIBOS_API int os_cleanup(void);
 
@@ -466,8 +479,9 @@ LIBOS_API int os_timer_destroy(LTimer* timer);
 /**
  * Run func(context) on the loop thread, once, in the order of posting. From any thread, and never waits for
  * room; but it waits while posted functions run, since they run with the main lock and the posts' lock held.
- * All that is posted runs before the loop looks at sockets again: a function that posts itself keeps the loop
- * to itself.
+ * So hold no lock when you post that a posted function takes: each would wait for the other for ever. All
+ * that is posted runs before the loop looks at sockets again: a function that posts itself keeps the loop to
+ * itself.
  *
  * @return 1; 0, reported, for a NULL func ("func is null"), without memory ("malloc fail"), before
  * os_startup()
@@ -482,7 +496,11 @@ LIBOS_API int os_main_unlock(void);
  * TCP servers
  *
  * A NULL server is reported with "server is NULL", and the result is 0, of os_tcp_server_get_status() -1.
- * Addresses are dotted-quad texts, ports in host byte order.
+ * Addresses are dotted-quad texts, ports in host byte order. Of other texts those count as addresses that
+ * inet_addr() takes: fewer numbers ("127.1", "0": the last one fills the bytes that are left), numbers in
+ * octal
+ * ("010.0.0.1" is 8.0.0.1) or hex ("0x7f.1"), and, with many C libraries, anything behind a blank.
+ * 255.255.255.255 does not count. Check what a person typed before it gets here.
  */
 typedef struct TcpServer TcpServer;
 typedef struct TcpClient TcpClient;
@@ -534,7 +552,8 @@ LIBOS_API int32 os_tcp_server_get_status(TcpServer* server);
  */
 LIBOS_API int os_tcp_server_open(TcpServer* server);
 
-/** Stop listening. 1, also when it did not listen ("server is dislisten"). It can be opened again. */
+/** Stop listening. 1, also when it did not listen ("server is dislisten"); 0 for NULL. It can be opened
+ * again. */
 LIBOS_API int os_tcp_server_close(TcpServer* server);
 
 /** What to call for each accepted connection; NULL for nothing. */
@@ -602,8 +621,9 @@ LIBOS_API TcpClient* os_tcp_client_create(void);
 LIBOS_API int os_tcp_client_destroy(TcpClient* client);
 
 /**
- * The peer, and one's own side, for the next open; at most 15 characters, not checked to be an address.
- * 0, reported: "client is null or ip is null", "ip length out", "client is not disconnect".
+ * The peer, and one's own side, for the next open; at most 15 characters, not checked to be an address:
+ * opening takes what inet_addr() makes of it (see TCP servers), and 255.255.255.255 for what that refuses. 0,
+ * reported: "client is null or ip is null", "ip length out", "client is not disconnect".
  */
 LIBOS_API int os_tcp_client_set_remote(TcpClient* client, char* ip, uint16 port);
 LIBOS_API int os_tcp_client_set_local(TcpClient* client, char* ip, uint16 port);
@@ -633,7 +653,8 @@ LIBOS_API int32 os_tcp_client_get_status(TcpClient* client);
  */
 LIBOS_API int os_tcp_client_open(TcpClient* client, int sock);
 
-/** End the connection: the disconnect callback runs before this returns. 1, also when there was none. */
+/** End the connection: the disconnect callback runs before this returns. 1, also when there was none; 0 for
+ * NULL. */
 LIBOS_API int os_tcp_client_close(TcpClient* client);
 
 /**
@@ -730,7 +751,7 @@ LIBOS_API int32 os_udp_client_get_status(UdpClient* client);
  */
 LIBOS_API int os_udp_client_open(UdpClient* client);
 
-/** No more callbacks. The socket stays bound; sending and reading go on working. Always 1. */
+/** No more callbacks. The socket stays bound; sending and reading go on working. 1; 0 for NULL. */
 LIBOS_API int os_udp_client_close(UdpClient* client);
 
 /**

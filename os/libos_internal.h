@@ -27,8 +27,22 @@ struct ErrnoKeeper
     ~ErrnoKeeper() { errno = saved; }
 };
 
+// A cancelled thread ends where it stands: what it had locked stays locked, and what it had begun half done.
+// So a call that locks or leaves something half done on its way is finished first, and its thread is
+// cancelled behind it.
+struct CancelGuard
+{
+    int saved = PTHREAD_CANCEL_ENABLE;
+
+    CancelGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved); }
+    CancelGuard(const CancelGuard&) = delete;
+    CancelGuard& operator=(const CancelGuard&) = delete;
+    ~CancelGuard() { pthread_setcancelstate(saved, nullptr); }
+};
+
 struct MutexGuard
 {
+    const CancelGuard whole;
     LMutex* const mutex;
 
     explicit MutexGuard(LMutex* wanted) : mutex(wanted) { os_mutex_lock(mutex); }
@@ -39,6 +53,7 @@ struct MutexGuard
 
 struct ListGuard
 {
+    const CancelGuard whole;
     DList* const list;
 
     explicit ListGuard(DList* wanted) : list(wanted) { adt_dlist_lock(list); }

@@ -22,6 +22,8 @@ static LMutex s_log_file_mtx = {PTHREAD_MUTEX_INITIALIZER};
 
 static char s_log_buf[LINE_SIZE];
 static int s_log_buf_idx = 0;
+// Whether the thread that holds the buffer lock may be cancelled, once its line is out.
+static int s_log_buf_cancel = PTHREAD_CANCEL_ENABLE;
 
 static FILE* s_fp_log = nullptr;
 static int s_log_file_day = -1;
@@ -60,6 +62,7 @@ static struct tm local_now()
 {
     const time_t now = time(nullptr);
     struct tm parts;
+    tzset(); // localtime_r() does not look at TZ again
     if (!localtime_r(&now, &parts)) memset(&parts, 0, sizeof(parts));
     return parts;
 }
@@ -188,12 +191,15 @@ static void add_piece(const char* fmt, va_list args)
     s_log_buf_idx += format_cut(s_log_buf + s_log_buf_idx, LINE_SIZE - 1 - s_log_buf_idx, fmt, args);
 }
 
-static void take_pieces(Line& line)
+// Returns what s_log_buf_cancel was.
+static int take_pieces(Line& line)
 {
     line.len = std::min(s_log_buf_idx, LINE_SIZE - 2);
     memcpy(line.text, s_log_buf, static_cast<size_t>(line.len));
     s_log_buf_idx = 0;
+    const int cancel = s_log_buf_cancel;
     os_mutex_unlock(&s_log_buf_mtx);
+    return cancel;
 }
 
 static const int NO_ERROR_TEXT = -1;
@@ -201,16 +207,21 @@ static const int NO_ERROR_TEXT = -1;
 static void close_report(int error, const char* fmt, va_list args)
 {
     Line line;
-    take_pieces(line);
+    const int cancel = take_pieces(line);
     add_text(line, fmt, args);
     if (error != NO_ERROR_TEXT) add_error(line, error);
     finish_and_emit(line);
+    pthread_setcancelstate(cancel, nullptr);
 }
 
+// Up to the closing call the thread is not cancelled: see CancelGuard.
 void log_buf_lock(void)
 {
     ErrnoKeeper keeper;
+    int cancel = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel);
     os_mutex_lock(&s_log_buf_mtx);
+    s_log_buf_cancel = cancel;
 }
 
 void log_buf_date(void)
@@ -280,6 +291,7 @@ void _err_buf_quit_unlock(const char* fmt, ...) SAME_AS(err_buf_quit_unlock);
 
 static void write_line(bool dated, int error, const char* fmt, va_list args)
 {
+    const CancelGuard whole;
     Line line;
     if (dated) line.len = print_date(line.text, line.room());
     add_text(line, fmt, args);

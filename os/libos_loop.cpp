@@ -17,6 +17,7 @@ static unsigned int s_ep_max_num = 0;
 static struct epoll_event* s_events = nullptr;
 static LThread s_main_thread;
 static LThread s_timer_thread;
+static pid_t s_owner; // of the epoll set: a forked child shares it
 LMutex s_main_mutex;
 
 uint32 s_max_client_num = 0, s_max_server_num = 0, s_max_udp_num = 0;
@@ -206,7 +207,7 @@ static bool make_epoll(uint32 clients, uint32 servers)
         os_report_errno("malloc s_events fail");
         return false;
     }
-    put(s_ep_fd, epoll_create(static_cast<int>(s_ep_max_num)));
+    put(s_ep_fd, epoll_create1(EPOLL_CLOEXEC));
     if (s_ep_fd != -1) return true;
     os_report_errno("epoll_create s_ep_fd fail");
     return false;
@@ -214,7 +215,7 @@ static bool make_epoll(uint32 clients, uint32 servers)
 
 static bool make_pipe(int* ends, Kind kind, const char* name)
 {
-    if (pipe(ends) != 0) {
+    if (pipe2(ends, O_CLOEXEC) != 0) {
         os_report_errno("pipe %s fail", name);
         return false;
     }
@@ -239,6 +240,8 @@ int os_startup(int32 max_cient_num, int32 max_server_num)
         os_report("size out");
         return 0;
     }
+    const CancelGuard whole;
+    s_owner = getpid();
     return make_tables(clients, servers) && make_list(s_timer_ls, "s_timer_ls") &&
            make_list(s_ls_main_thread_func, "s_ls_main_thread_func") && make_epoll(clients, servers) &&
            make_pipe(s_pipe_fd, KIND_TICK, "s_pipe_fd") &&
@@ -247,13 +250,23 @@ int os_startup(int32 max_cient_num, int32 max_server_num)
            start_thread(&s_timer_thread, 0, timer_thread, "s_timer_thread");
 }
 
+// Closing alone leaves a descriptor in the epoll set while a forked child holds it, and a listener that is
+// announced there but cannot be accepted from keeps the loop spinning. The child, for its part, must not
+// deafen the parent.
+static void close_for_good(int fd)
+{
+    if (getpid() == s_owner) loop_forget(fd);
+    close(fd);
+}
+
 int os_cleanup(void)
 {
+    const CancelGuard whole;
     forget_resting_servers();
     for (uint32 i = 0; i < s_max_server_num; ++i)
-        if (peek(s_servers[i].index) != -1) close(peek(s_servers[i].listenfd));
+        if (peek(s_servers[i].index) != -1) close_for_good(peek(s_servers[i].listenfd));
     for (uint32 i = 0; i < s_max_udp_num; ++i)
-        if (peek(s_udps[i].index) != -1) close(peek(s_udps[i].fd));
+        if (peek(s_udps[i].index) != -1) close_for_good(peek(s_udps[i].fd));
     return 1;
 }
 

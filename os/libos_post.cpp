@@ -52,6 +52,7 @@ int os_post_func(PostFunc func, void* context)
         return 0;
     }
 
+    const CancelGuard whole;
     LMainThreadFunc* call = static_cast<LMainThreadFunc*>(malloc(sizeof(LMainThreadFunc)));
     if (!call) {
         os_report("malloc fail");

@@ -224,7 +224,7 @@ static void start_connect(TcpClient* client, int fd)
 
 static int open_outgoing(TcpClient* client)
 {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     put(client->connectfd, fd);
     if (fd == -1) {
         os_report_errno("socket fail");
@@ -256,6 +256,7 @@ int os_tcp_client_open(TcpClient* client, int sock)
         os_report("client is not disconnect");
         return 0;
     }
+    const CancelGuard whole;
     return sock == -1 ? open_outgoing(client) : adopt(client, sock);
 }
 

@@ -132,7 +132,8 @@ int os_tcp_server_open(TcpServer* server)
         return 0;
     }
 
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const CancelGuard whole;
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     put(server->listenfd, fd);
     if (fd == -1) {
         os_report_errno("socket fail");
@@ -243,7 +244,7 @@ static void refuse_accept(TcpServer* server, int listenfd)
 static void accept_one(TcpServer* server)
 {
     const int listenfd = peek(server->listenfd);
-    const int fd = accept(listenfd, nullptr, nullptr);
+    const int fd = accept4(listenfd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd == -1) {
         refuse_accept(server, listenfd);
         return;

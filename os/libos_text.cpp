@@ -77,6 +77,7 @@ static int32 convert(iconv_t converter, char* save, int32 savelen, char* src, in
 
 int32 os_code_convert(const char* from, const char* to, char* save, int32 savelen, char* src, int32 srclen)
 {
+    const CancelGuard whole;
     iconv_t converter = reinterpret_cast<iconv_t>(-1);
     errno = EINVAL;
     if (from && to) converter = iconv_open(to, from);

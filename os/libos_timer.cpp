@@ -47,6 +47,7 @@ static DListNode* insert_timer(LTimer* timer)
 
 LTimer* os_timer_create(OnTimerFunc func, uint32 tm, void* cxt)
 {
+    const CancelGuard whole;
     LTimer* timer = static_cast<LTimer*>(malloc(sizeof(LTimer)));
     if (!timer) {
         os_report("malloc fail");

@@ -33,19 +33,18 @@ static UdpClient* prepare_slot(int32 index, int fd)
     return client;
 }
 
-UdpClient* os_udp_client_create(void)
+static UdpClient* take_slot()
 {
     MutexGuard guard(&s_udps_mutex);
     if (s_udps_num >= s_max_udp_num) {
         os_report("udp num out:udps:%d,max udp:%d", s_udps_num, s_max_udp_num);
         return nullptr;
     }
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd == -1) {
         os_report("socket fail");
         return nullptr;
     }
-    setnonblocking(fd);
     const int32 index = slots_take(s_udps_free);
     if (index == -1) {
         close(fd);
@@ -53,6 +52,14 @@ UdpClient* os_udp_client_create(void)
     }
     ++s_udps_num;
     return prepare_slot(index, fd);
+}
+
+// Behind the lock, since a failure there ends the process: what runs then may want the table.
+UdpClient* os_udp_client_create(void)
+{
+    UdpClient* client = take_slot();
+    if (client) setnonblocking(client->fd);
+    return client;
 }
 
 // False when the slot was free already.

@@ -1,6 +1,10 @@
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <limits>
 
 #include "support.h"
@@ -209,6 +213,62 @@ TEST(Conversion, FullDiskIsNoSuccess)
         EXPECT_EQ(position, limit == whole ? 100 : 0xFE) << limit;
         EXPECT_EQ(exists(dir / "out"), limit == whole);
     }
+}
+
+// It stops where it fails: a long recording does not run to its end on a full disk.
+TEST(Conversion, AFullDiskEndsIt)
+{
+    TempDir dir;
+    Frames frames;
+    for (uint32_t i = 1; i <= 60; ++i) frames.push_back(picture(i, 200000, i != 1));
+    write_file(dir / "in", recording(frames));
+    EXPECT_EQ(in_child([&] {
+                  limit_files(400000);
+                  KtConvert_SDVtoAVI(text(dir / "in"), text(dir / "out"));
+                  SdvReport report = {};
+                  report.cbSize = sizeof(report);
+                  GetConversionReport(&report);
+                  EXPECT_LT(report.u64FramesRecorded + report.u64FramesNotWritten, 20u);
+                  EXPECT_LT(report.u64FramesRecorded, 3u);
+                  return testing::Test::HasFailure() ? 1 : 0;
+              }),
+              0);
+}
+
+// A file server's lease is given up to those who wait; its holder dies of the request.
+TEST(Conversion, WaitsForAFileThatIsLeased)
+{
+    TempDir dir;
+    write_file(dir / "in", recording({picture(1, 100, 0)}));
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t holder = fork();
+    if (holder == 0) {
+        const bool held = fcntl(open((dir / "in").c_str(), O_RDWR), F_SETLEASE, F_WRLCK) == 0;
+        if (write(ready[1], held ? "y" : "n", 1) == 1) pause();
+        _exit(1);
+    }
+    char held = 0;
+    EXPECT_EQ(read(ready[0], &held, 1), 1);
+    const Outcome outcome = convert(dir / "in", dir / "out");
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    if (held != 'y') GTEST_SKIP() << "no leases here";
+    EXPECT_EQ(outcome, done);
+}
+
+// Both may have come to name one file since it was tested.
+TEST(Conversion, TheThreadItselfSparesItsInput)
+{
+    TempDir dir;
+    write_file(dir / "in", recording({picture(1, 100, 0)}));
+    const Bytes before = read_file(dir / "in");
+    const Job job;
+    for (char* path : {g_tSdv2Avi.m_szInputPath, g_tSdv2Avi.m_szOutputPath})
+        strcpy(path, (dir / "in").c_str());
+    ThreadChangeProc(&g_tSdv2Avi);
+    EXPECT_EQ(g_tSdv2Avi.m_iPosition, -2);
+    EXPECT_TRUE(same_bytes(read_file(dir / "in"), before));
 }
 
 TEST(Conversion, OldSinglePass)

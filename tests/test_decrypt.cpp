@@ -1,3 +1,4 @@
+#include "AES.h"
 #include "support.h"
 
 // The examples of the cipher's standard: key and cipher text of one plain text.

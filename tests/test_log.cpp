@@ -176,8 +176,19 @@ TEST(LogLines, LongLinesAreCutAndKeepTheirEnd)
         const std::string lines = written_to(2, [&] { writer(), log_msg2("next"); });
         const size_t end = lines.find('\n');
         EXPECT_EQ(lines.substr(end), "\nnext\n");
-        EXPECT_TRUE(end >= 65499 && end <= 65534) << end;
+        EXPECT_EQ(end, 65533u);
     }
+}
+
+TEST(LogLines, FollowTheZone)
+{
+    std::string hours;
+    for (const char* zone : {"UTC0", "EAST-5", "WEST+5"}) {
+        setenv("TZ", zone, 1);
+        const std::string line = written_to(2, [] { log_msg("line"); });
+        hours += std::to_string((std::stoi(line.substr(11, 2)) + 24 - time(nullptr) / 3600 % 24) % 24) + " ";
+    }
+    EXPECT_EQ(hours, "0 5 19 ");
 }
 
 TEST(LogLines, ThreadsDoNotMixTheirLines)

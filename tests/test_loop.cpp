@@ -1,4 +1,10 @@
+#include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <sstream>
 
 #include "net_support.h"
 
@@ -16,6 +22,62 @@ TEST(Startup, FirstSizesThatATableCanHaveStay)
     });
     EXPECT_EQ(reports, "size out\nsize out\nsize out\nsize out\nsize out\n"
                        "client num out\nserver num out\nudp num out:udps:4,max udp:4\n");
+}
+
+static std::string our_descriptors()
+{
+    std::string all;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        all += std::filesystem::read_symlink(entry, gone).string() + "\n";
+    }
+    return all;
+}
+
+TEST(Startup, AnExecutedChildHoldsNothingOfTheLayer)
+{
+    in_process(CAME_TO_ITS_END, [] {
+        const std::string before = our_descriptors();
+        os_startup(4, 2);
+        Watched watched;
+        int accepted = 0;
+        open_watched(watched, port_of(open_server(accept_echo, &accepted)->listenfd));
+        const UdpClient* udp = os_udp_client_create();
+        wait_for([&] { return accepted == 1 && watched.times('C') == 1; });
+        for (int fd : {udp->fd, watched.client->connectfd}) EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+        std::istringstream ours(our_descriptors());
+        std::string child(65536, 0), one;
+        FILE* list = popen("ls -l /proc/self/fd", "r");
+        child.resize(fread(child.data(), 1, child.size(), list));
+        EXPECT_EQ(pclose(list), 0);
+        int checked = 0;
+        while (std::getline(ours, one)) {
+            if (before.find(one + "\n") != before.npos || one[0] == '/') continue;
+            EXPECT_EQ(child.find(one), child.npos) << one << " in\n" << child;
+            ++checked;
+        }
+        EXPECT_EQ(checked, 1 + 4 + 4) << "the set, two pipes, listener, both ends, UDP";
+    });
+}
+
+// A forked child keeps copies: what is closed for good must be out of the loop's set before.
+TEST(Startup, CleanedUpItIsQuietThoughAChildHoldsTheListener)
+{
+    const std::string reports = in_layer(1, 1, [] {
+        TcpServer* server = open_server(nullptr);
+        const uint16_t port = port_of(server->listenfd);
+        const pid_t child = fork();
+        if (child == 0) {
+            pause();
+            _exit(0);
+        }
+        os_cleanup();
+        plain_connect(port);
+        for (int i = 0; i < 20; ++i) on_loop([] {});
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    });
+    EXPECT_EQ(reports, "");
 }
 
 TEST(Slots, LowestFreeOneIsTaken)

@@ -14,11 +14,13 @@ TEST(Platform, ErrorsAndExchangeAcrossThreads)
     EXPECT_EQ(closesocket(-1), -1);
     EXPECT_EQ(errno, EBADF);
 
-    long cell = 0, taken[2] = {0, 0}; // every token that goes in comes out once
+    LONG cells[] = {0, 77}; // every token that goes in comes out once, and the neighbour stays
+    int64_t taken[2] = {0, 0};
     two_at_once([&](int who) {
-        for (long i = 1; i <= 20000; ++i) taken[who] += InterlockedExchange(&cell, i);
+        for (LONG i = 1; i <= 20000; ++i) taken[who] += InterlockedExchange(cells, i);
     });
-    EXPECT_EQ(taken[0] + taken[1] + cell, 2 * (20000L * 20001L / 2));
+    EXPECT_EQ(taken[0] + taken[1] + cells[0], 2 * (20000L * 20001L / 2));
+    EXPECT_EQ(std::pair(int(cells[1]), sizeof(LONG)), std::pair(77, size_t(4)));
 }
 
 TEST(Platform, TextsAreCutToTheirBuffer)

@@ -103,6 +103,28 @@ TEST(Recorder, ChunksByFrameShape)
         EXPECT_EQ(CheckAudio(code, hex("00010200ffffffff").data(), 8), (code >= 1 && code <= 3) || code == 22)
             << code;
     EXPECT_EQ(CheckAudio(22, hex("00010200").data(), 3), 0);
+    EXPECT_EQ(std::pair(CheckAudio(22, nullptr, -4), CheckAudio(2, nullptr, 4)), std::pair(1, 0));
+}
+
+// Callers may choose by m_iDestType what becomes of the slots behind the video; the header keeps a slot's
+// size.
+TEST(Recorder, SlotsByTheDestinationThatACallerSets)
+{
+    const Bytes pcm = noise(320, 1), g711 = sdv::g711_slot(pcm), split = adts(50) + adts(30);
+    const std::tuple<uint8_t, int, Bytes, std::vector<Chunk>> rows[] = {
+        {2, 1, g711, {audio(pcm), video(1)}},
+        {22, 0, split, {aac(50), aac(30), video(1), audio(part(split, 4, split.size()))}},
+        {22, 1, split, {aac(50), aac(30), video(1), aac(50), aac(30)}},
+    };
+    for (const auto& [code, destination, slot, want] : rows) {
+        Recording open;
+        g_tSdv2Avi.m_iHaveAudio = code;
+        g_tSdv2Avi.m_iDestType = destination;
+        push_frame(sdv::frame(with_audio(picture(1), code, {slot}, {slot})));
+        EXPECT_EQ(g_tSdv2Avi.m_AudioFrameHeader.dwFrameSize, slot.size() - 4);
+        EXPECT_EQ(StopRecord(0), 0);
+        expect_chunks(open.path, want);
+    }
 }
 
 TEST(Recorder, FramesThatLieAreDropped)
@@ -164,6 +186,18 @@ TEST(Recorder, FurtherStartsInOneJob)
         record(open.dir / "other.avi", {mu_law(7, 200), mu_law(8)});
         EXPECT_TRUE(same_bytes(record(open.dir / "again.avi", frames), want)) << "like a first one";
     }
+}
+
+TEST(Recorder, EveryFileIsLaidOut)
+{
+    TempDir dir;
+    Job job;
+    record(dir / "a.avi", {picture(1)});
+    push_frame(sdv::frame(picture(2))); // into nothing
+    Inner_InitializeRecord((dir / "b.avi").c_str());
+    g_tSdv2Avi.m_iAviInitTimes = 0;
+    push_frame(sdv::frame(picture(3)));
+    EXPECT_EQ(g_tSdv2Avi.m_iMoviBeginPos + ftell(g_tSdv2Avi.m_fsRec), 220 + 224 + 108);
 }
 
 TEST(Recorder, StartAndStopWithoutFrames)
@@ -253,4 +287,19 @@ TEST(Recorder, FileEndsBelowFourGiB)
     EXPECT_EQ(number_at(48), frames);
     EXPECT_EQ(number_at(216), moviEnd - 220) << "movi list";
     EXPECT_EQ(number_at(size - 8), moviEnd - 1008 - 220) << "offset of the last index entry";
+}
+
+// What a frame has gathered so far counts: its last chunks do not fit.
+TEST(Recorder, AFrameMayFitInPart)
+{
+    const uint64_t limit = (uint64_t(1) << 32) - 65536;
+    const Bytes pcm = noise(500, 1), slot = sdv::g711_slot(pcm);
+    Recording open;
+    push_frame(sdv::frame(mu_law(1)));
+    if (fseeko(g_tSdv2Avi.m_fsRec, off_t(limit - 3000), SEEK_SET) != 0)
+        GTEST_SKIP() << "no sparse files here";
+    push_frame(sdv::frame(with_audio(picture(2, 1000), 2, {}, {slot, slot, slot, slot, slot})));
+    EXPECT_GT(g_tSdv2Avi.m_iTotalFrames, 3);
+    EXPECT_EQ(StopRecord(0), 2);
+    EXPECT_LT(file_size(open.path), limit);
 }

@@ -60,9 +60,9 @@ long StringCbPrintfA(char* pBuf, int size, const char* pFmt, ...)
     return 0;
 }
 
-long InterlockedExchange(long* p, long v)
+LONG InterlockedExchange(LONG* p, LONG v)
 {
-    return std::atomic_ref<long>(*p).exchange(v);
+    return std::atomic_ref<LONG>(*p).exchange(v);
 }
 
 int closesocket(SOCKET s)

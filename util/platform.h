@@ -7,6 +7,7 @@
 #ifndef QUORLIN_PLATFORM_H
 #define QUORLIN_PLATFORM_H
 
+#include <limits.h>
 #include <stdint.h>
 
 #if defined(__GNUC__)
@@ -29,7 +30,12 @@ typedef uint8_t BYTE;
 typedef uint8_t UCHAR;
 typedef uint8_t* LPBYTE;
 typedef uint16_t WORD;
+/* 32 bits wide: long itself where that is so, as on 32-bit ARM, and int elsewhere. */
+#if LONG_MAX == 2147483647
+typedef long LONG;
+#else
 typedef int32_t LONG;
+#endif
 typedef uint32_t DWORD;
 /* Four ASCII characters, the first in the lowest byte. */
 typedef uint32_t FOURCC;
@@ -72,8 +78,8 @@ QUORLIN_API long StringCbPrintfA(char* pBuf, int size, const char* pFmt, ...)
 #endif
     ;
 
-/** Store v in *p and return what *p held before, as one atomic step. */
-QUORLIN_API long InterlockedExchange(long* p, long v);
+/** Store v in *p and return what *p held before, as one atomic step on four bytes. */
+QUORLIN_API LONG InterlockedExchange(LONG* p, LONG v);
 
 /** Close the descriptor s. Returns the platform's result: 0, or -1 with errno set. */
 QUORLIN_API int closesocket(SOCKET s);

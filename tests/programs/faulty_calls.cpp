@@ -119,7 +119,8 @@ CALL(ENOMEM, THREADS, ENOMEM, pthread_mutex_init, (mutex, kind), pthread_mutex_t
 CALL(-1, SOCKETS, EMFILE, socket, (domain, type, protocol), int domain, int type, int protocol)
 CALL(-1, SOCKETS, EADDRINUSE, bind, (fd, to, len), int fd, const sockaddr* to, socklen_t len)
 CALL(-1, SOCKETS, EADDRINUSE, listen, (fd, backlog), int fd, int backlog)
-CALL(-1, SOCKETS | BREAKS_OFF, EMFILE, accept, (fd, from, len), int fd, sockaddr* from, socklen_t* len)
+CALL(-1, SOCKETS | BREAKS_OFF, EMFILE, accept4, (fd, from, len, flags), int fd, sockaddr* from,
+     socklen_t* len, int flags)
 CALL(-1, SOCKETS, ENETUNREACH, connect, (fd, to, len), int fd, const sockaddr* to, socklen_t len)
 CALL(-1, SOCKETS, ECONNRESET, send, (fd, from, cut(SOCKETS, "send", len), flags), int fd, const void* from,
      size_t len, int flags)
@@ -130,8 +131,8 @@ CALL(-1, SOCKETS, ENOBUFS, sendto, (fd, from, len, flags, to, size), int fd, con
 CALL(-1, SOCKETS, ECONNREFUSED, recvfrom, (fd, into, len, flags, from, size), int fd, void* into, size_t len,
      int flags, sockaddr* from, socklen_t* size)
 CALL(iconv_t(-1), FILES, EMFILE, iconv_open, (to, from), const char* to, const char* from)
-CALL(-1, SOCKETS, EMFILE, pipe, (ends), int* ends)
-CALL(-1, SOCKETS, EMFILE, epoll_create, (size), int size)
+CALL(-1, SOCKETS, EMFILE, pipe2, (ends, flags), int* ends, int flags)
+CALL(-1, SOCKETS, EMFILE, epoll_create1, (flags), int flags)
 CALL(-1, SOCKETS, ENOSPC, epoll_ctl, (set, operation, fd, event), int set, int operation, int fd,
      epoll_event* event)
 CALL(-1, SOCKETS | BREAKS_OFF, EINTR, epoll_wait, (set, events, most, wait), int set, epoll_event* events,
@@ -143,6 +144,12 @@ ssize_t pwritev(int fd, const iovec* parts, int count, off_t at)
     const size_t len = cut(FILES, "pwritev", parts->iov_len);
     if (len < parts->iov_len) return real<&pwrite>("pwrite")(fd, parts->iov_base, len, at);
     return real<&pwritev>("pwritev")(fd, parts, count, at);
+}
+
+// What pread() becomes where the compiler knows how much room there is.
+ssize_t __pread64_chk(int fd, void* to, size_t len, off_t at, size_t)
+{
+    return pread(fd, to, len, at);
 }
 
 int open(const char* path, int flags, ...)
