@@ -9,6 +9,7 @@ import tempfile
 from pathlib import Path
 
 SDVMAKE, SDV2AVI, AVICHECK, DATA = [Path(a).resolve() for a in sys.argv[1:5]]
+FAILING_DISK = next((Path(a).resolve() for a in sys.argv if "failing_disk" in a), None)
 KEY, OTHER_KEY = "00112233445566778899aabbccddeeff", "ff112233445566778899aabbccddeeff"
 TONE = ("tone.ulaw", "mulaw")
 
@@ -33,8 +34,7 @@ def make(output, *options, sound=TONE):
 
 def failing_disk(path, *places):
     """For run(): the bytes in these places of the file cannot be read."""
-    shim = next(a for a in sys.argv if "failing_disk" in a)
-    bad = {"LD_PRELOAD": shim, "BAD_FILE": path, "BAD_BYTES": ",".join(f"{a}-{b}" for a, b in places)}
+    bad = {"LD_PRELOAD": str(FAILING_DISK), "BAD_FILE": path, "BAD_BYTES": ",".join(f"{a}-{b}" for a, b in places)}
     return {"env": {**os.environ, **bad, "ASAN_OPTIONS": "verify_asan_link_order=0"}}
 
 
