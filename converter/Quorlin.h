@@ -333,7 +333,7 @@ QUORLIN_API int TC_SDVtoAVI(int _iID, char* _pcSrcFullPath, char* _pcDestFullPat
  * @return 0 when the thread ran to its end;
  *         -1 with "140217====2222" and a line end: the input cannot be opened, a path is NULL or longer than
  *         259 bytes, or both name the same file;
- *         -2 with "140217====3333": the file header is not valid;
+ *         -2 with "140217====3333": the file header is not valid, or cannot be read;
  *         -3: no thread could be created; the job can be used again
  */
 QUORLIN_API int StartChange(char* _cpinputpath, char* _cpoutpath);
@@ -346,10 +346,10 @@ QUORLIN_API void errorprint(char* _string);
 
 /**
  * The conversion thread's body: m_szInputPath in, m_szOutputPath out, skipping damage. Outcomes in
- * m_iPosition and their texts: 100; -1 "140217====6666" input cannot be opened; -2 output cannot be started
- * or written, or would pass the size limit; -3 "140217====7777" or "140217====9999" no memory, before the
- * first frame or later; -4 "140217====8888" no key frame; -5 cancelled. A negative outcome leaves no output
- * file.
+ * m_iPosition and their texts: 100; -1 "140217====6666" input cannot be opened, or its header not be read; -2
+ * output cannot be started or written, or would pass the size limit; -3 "140217====7777" or "140217====9999"
+ * no memory, before the first frame or later; -4 "140217====8888" no key frame; -5 cancelled. A negative
+ * outcome leaves no output file.
  *
  * Only frames with the flag 00 00 00 02 are found (modes 21 and 41): recordings of other modes are pushed.
  *
@@ -380,7 +380,7 @@ QUORLIN_API int HeaderChange(void);
  * search. The caller's Initialize() comes before it. A frame whose size is below 32 or above 1 MiB ends it.
  *
  * @return 0 done;
- *         1 the input cannot be opened ("Can't read the inputfile!" and a line end);
+ *         1 the input or its header cannot be read ("Can't read the inputfile!" and a line end);
  *         2 the recording cannot be started, or input and output are the same file ("Record failed!" and two
  *         line ends), or it could not be written whole (the output is then removed);
  *         3 no memory; nothing is left open;
@@ -411,6 +411,8 @@ typedef struct SdvReport
     uint64_t u64Gaps;                /* stretches of such bytes */
     uint64_t u64FirstGap;            /* where the first begins; 0 without any */
     uint64_t u64FramesNotWritten;    /* the output had failed, for want of room or otherwise */
+    uint64_t u64BytesUnreadable;     /* of the input, from where reading it failed up to its end */
+    uint64_t u64FirstUnreadable;     /* where that was; 0 when all could be read */
 } SdvReport;
 
 /**
@@ -419,7 +421,9 @@ typedef struct SdvReport
  * also after QuorlinRelease().
  *
  * A file conversion skips what lies between the file header and the first key frame, too, and a last frame
- * that is cut off, and, after a read error, everything behind it; positions count from the start of the file.
+ * that is cut off; positions count from the start of the file. It ends where reading fails, as a shorter file
+ * would: u64BytesUnreadable tells that from damage, and whoever can read on behind the place may push what is
+ * there. Bytes of the input that are in no whole frame count as skipped as well, unreadable or not.
  * Positions in a stream count from the first byte that the job held, or was pushed, when the file was opened;
  * what is pushed while no file is open is not counted, and bytes that wait for the rest of their frame are
  * not skipped yet. A frame that a file can not take any more (see StopRecord()) counts nowhere.

@@ -37,14 +37,15 @@ static int change_file(const char* inputpath, const char* outpath)
 
     job.m_iRecFileType = 1;
     InputFile input;
-    if (!open_input(input, inputpath)) {
+    S_FileHeader header;
+    if (!open_input(input, inputpath) || !read_file_header(input, header)) {
         errorprint(s_szCannotRead);
         return 1;
     }
     ReadWindow window(input);
     if (!open_window(window)) return 3;
 
-    read_file_header(input, job.m_Header);
+    job.m_Header = header;
     const bool same = outpath && is_same_file(inputpath, outpath);
     if (same || StartRecord(1, outpath, 1) < 0) {
         errorprint(s_szCannotRecord);

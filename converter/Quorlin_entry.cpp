@@ -65,8 +65,7 @@ void WaitThreadTerminate(void)
 static bool is_recording(const InputFile& input)
 {
     S_FileHeader header;
-    read_file_header(input, header);
-    return IsValidFileHeader(&header);
+    return read_file_header(input, header) && IsValidFileHeader(&header);
 }
 
 // 0, or the refusal with its text written.

@@ -32,19 +32,21 @@ bool open_input(InputFile& input, const char* path)
     return true;
 }
 
-size_t read_input(const InputFile& input, void* to, size_t len)
+size_t read_input(const InputFile& input, void* to, size_t len, bool& failed)
 {
+    failed = false;
     size_t held = 0;
     while (input.fd != -1 && held < len) {
         const ssize_t got = read(input.fd, static_cast<char*>(to) + held, len - held);
         if (got < 0 && errno == EINTR) continue;
+        failed = got < 0;
         if (got <= 0) break;
         held += static_cast<size_t>(got);
     }
     return held;
 }
 
-void read_file_header(const InputFile& input, S_FileHeader& header)
+bool read_file_header(const InputFile& input, S_FileHeader& header)
 {
     header = {};
     size_t held = 0;
@@ -52,9 +54,11 @@ void read_file_header(const InputFile& input, S_FileHeader& header)
         const ssize_t got = pread(input.fd, reinterpret_cast<char*>(&header) + held, sizeof(header) - held,
                                   static_cast<off_t>(held));
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
+        if (got < 0) return false;
+        if (got == 0) break;
         held += static_cast<size_t>(got);
     }
+    return true;
 }
 
 FILE* open_output(const char* path)

@@ -21,11 +21,12 @@ struct InputFile
 // false when the path cannot be opened.
 bool open_input(InputFile& input, const char* path);
 
-// Read up to len bytes at the current position; fewer at the end, and where reading fails.
-size_t read_input(const InputFile& input, void* to, size_t len);
+// Read up to len bytes at the current position; fewer at the end, and where reading failed.
+size_t read_input(const InputFile& input, void* to, size_t len, bool& failed);
 
-// The first 88 bytes, zero where the input is shorter. The reading position stays where it is.
-void read_file_header(const InputFile& input, S_FileHeader& header);
+// The first 88 bytes, zero where the input is shorter. false when they cannot be read. The reading position
+// stays where it is.
+bool read_file_header(const InputFile& input, S_FileHeader& header);
 
 // An empty file for reading and writing; NULL when there is none to be had, or it cannot be sought.
 FILE* open_output(const char* path);

@@ -119,6 +119,9 @@ void note_skipped(uint64_t from, uint64_t to);
 // Bytes [from, to) of the stream buffer were.
 void note_skipped_in_stream(uint64_t from, uint64_t to);
 
+// Reading the input failed at from and gives up what lies before its end; nothing, when they are the same.
+void note_unreadable(uint64_t from, uint64_t end);
+
 // The stream buffer's first len bytes are done with.
 void consume_stream(uint64_t len);
 

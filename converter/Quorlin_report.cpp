@@ -6,7 +6,7 @@
 #include "Quorlin_internal.h"
 
 static_assert(offsetof(SdvReport, u64FramesRecorded) == 8 && offsetof(SdvReport, u64FramesNotWritten) == 72 &&
-              sizeof(SdvReport) == 80);
+              sizeof(SdvReport) == 96);
 
 // Callers may have been built when the record ended before u64FramesNotWritten.
 static const uint32_t FIRST_SIZE = offsetof(SdvReport, u64FramesNotWritten);
@@ -89,6 +89,13 @@ void note_skipped_in_stream(uint64_t from, uint64_t to)
     if (to <= from) return;
     PlainLock guard(s_tAccount.lock);
     extend_gaps(s_tAccount, s_tAccount.pushed + from, to - from);
+}
+
+void note_unreadable(uint64_t from, uint64_t end)
+{
+    PlainLock guard(s_tAccount.lock);
+    s_tAccount.counts.u64BytesUnreadable = end - from;
+    s_tAccount.counts.u64FirstUnreadable = end > from ? from : 0;
 }
 
 void consume_stream(uint64_t len)

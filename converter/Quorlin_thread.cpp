@@ -177,7 +177,7 @@ static Outcome convert(TSdv2Avi& job)
     InputFile input;
     if (!open_input(input, job.m_szInputPath)) return NO_INPUT;
 
-    read_file_header(input, job.m_Header);
+    if (!read_file_header(input, job.m_Header)) return NO_INPUT;
     complete_audio_defaults(job.m_Header);
     HeaderChange();
     if (is_same_file(job.m_szInputPath, job.m_szOutputPath)) return NO_OUTPUT;

@@ -51,9 +51,13 @@ Fill fill_window(ReadWindow& window, size_t wanted)
     if (window.before_change) window.before_change();
     if (!make_room(window, wanted)) return Fill::no_memory;
 
-    const size_t got = read_input(window.input, window.bytes + window.held, window.capacity - window.held);
+    bool failed;
+    const size_t got =
+        read_input(window.input, window.bytes + window.held, window.capacity - window.held, failed);
     window.held += got;
     window.taken += got;
+    // A place that is tried again may be read after all.
+    note_unreadable(window.taken, failed ? input_end(window) : window.taken);
     return window.held - window.at >= wanted ? Fill::enough : Fill::end_of_input;
 }
 

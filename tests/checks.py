@@ -1,6 +1,6 @@
 """What the scripts have in common: the tools, running them, making recordings, going through the cases.
 
-    SCRIPT SDVMAKE SDV2AVI AVICHECK DATA_DIR ...
+    SCRIPT SDVMAKE SDV2AVI AVICHECK DATA_DIR ... [FAILING_DISK]
 """
 import os
 import subprocess
@@ -9,6 +9,7 @@ import tempfile
 from pathlib import Path
 
 SDVMAKE, SDV2AVI, AVICHECK, DATA = [Path(a).resolve() for a in sys.argv[1:5]]
+FAILING_DISK = next((Path(a).resolve() for a in sys.argv if "failing_disk" in a), None)
 KEY, OTHER_KEY = "00112233445566778899aabbccddeeff", "ff112233445566778899aabbccddeeff"
 TONE = ("tone.ulaw", "mulaw")
 
@@ -29,6 +30,12 @@ def run(*command, code=0, text=True, **more):
 def make(output, *options, sound=TONE):
     audio = ["--audio", DATA / sound[0], "--audio-code", sound[1]] if sound else []
     run(SDVMAKE, DATA / "clip.h264", *audio, *options, "--overwrite", "-o", output)
+
+
+def failing_disk(path, *places):
+    """For run(): the bytes in these places of the file cannot be read."""
+    bad = {"LD_PRELOAD": str(FAILING_DISK), "BAD_FILE": path, "BAD_BYTES": ",".join(f"{a}-{b}" for a, b in places)}
+    return {"env": {**os.environ, **bad, "ASAN_OPTIONS": "verify_asan_link_order=0"}}
 
 
 def pictures(path):

@@ -2,7 +2,7 @@
 """The command lines of sdv2avi, avicheck and sdvmake: what comes out, and how they fail: with one line that names the
 cause, nothing lost.
 
-    cli.py SDVMAKE SDV2AVI AVICHECK DATA_DIR
+    cli.py SDVMAKE SDV2AVI AVICHECK DATA_DIR FAILING_DISK
 """
 import json
 import os
@@ -13,7 +13,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from checks import AVICHECK, KEY, OTHER_KEY, SDV2AVI, SDVMAKE, expect, go_through, make, pictures, run
+from checks import AVICHECK, KEY, OTHER_KEY, SDV2AVI, SDVMAKE, expect, failing_disk, go_through, make, pictures, run
 
 OLD = b"an older file"
 UMASK = 0o027
@@ -73,9 +73,11 @@ def prepare():
                           "mode31": ["--mode", "31"], "damaged": ["--garbage", "3"]}.items():
         make(f"{name}.sdv", *options)
     plain = Path("plain.sdv").read_bytes()
+    second = 88 + int.from_bytes(plain[92:96], "little")
     for path in "dir", "tree/in", DEEP:
         Path(path).mkdir(parents=True)
-    for path, data in {"one.sdv": plain[: 88 + int.from_bytes(plain[92:96], "little")], "headers.sdv": plain[:88],
+    for path, data in {"one.sdv": plain[:second], "headers.sdv": plain[:88],
+                       "zeros.sdv": plain[: second + 12] + bytes(4) + plain[second + 16 :],
                        "torn.sdv": plain[:200], "garbage.sdv": b"\x55" * 4096, "out.avi": OLD,
                        "key.txt": KEY.encode(), "old-001.avi": OLD, "part-003.avi": OLD, DEEP + "/in.sdv": plain,
                        "tree/in/plain.sdv": plain, "tree/top.SDV": plain,
@@ -136,6 +138,69 @@ def check_signal(number, to_all):
     assert contents() == before, "files came or went"
 
 
+def start_long():
+    """A conversion at work, and its temporary file."""
+    running = subprocess.Popen([SDV2AVI, "long.sdv"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                               start_new_session=True)
+    deadline = time.monotonic() + 20
+    while not (found := [path for path in Path(".").glob("long.avi.*") if path.stat().st_size]):
+        assert running.poll() is None and time.monotonic() < deadline, "no temporary file was seen"
+    return running, found[0]
+
+
+def killed():
+    """What a killed worker leaves goes with it, or with the next run; what another run, or somebody, has stays."""
+    for name in "a.avi.quorlin-12345", "a.avi.quorlin-12345G", "a.avi.quorlin-1234567", ".quorlin-123456":
+        Path(name).write_bytes(OLD)
+    Path("a.quorlin-123456").mkdir()
+    os.symlink("out.avi", "b.quorlin-123456")
+    before = contents()
+    worker_of = lambda pid: int(Path(f"/proc/{pid}/task/{pid}/children").read_text())
+    running, _ = start_long()
+    os.kill(worker_of(running.pid), signal.SIGKILL)
+    assert b"the conversion was ended: Killed" in running.communicate(timeout=20)[1], "another cause"
+    assert contents() == before, "files came or went"
+    gone, left = start_long()
+    os.killpg(gone.pid, signal.SIGKILL)
+    gone.communicate(timeout=20)
+    assert left.exists(), "somebody else tidied up"
+    living, held = start_long()
+    run(SDV2AVI, "plain.sdv", "-o", "next.avi")
+    assert held.exists() and not left.exists(), "not the one whose owner is gone"
+    os.killpg(living.pid, signal.SIGTERM)
+    living.communicate(timeout=20)
+    os.remove("next.avi")
+    assert contents() == before, "files came or went"
+
+
+def planted_links():
+    """Where all can write, nobody else's link leads us to a file of ours; the folder's owner's does."""
+    if os.geteuid() != 0:
+        return print("skipped: links of others can be made by root only")
+    for folder, mode, owner, code in (("tmp", 0o1777, 0, 6), ("theirs", 0o1777, 1234, 0), ("open", 0o777, 0, 0)):
+        os.mkdir(folder)
+        os.symlink("../out.avi", f"{folder}/to.avi")
+        os.symlink(f"{folder}/to.avi", f"{folder}.avi")
+        os.chown(f"{folder}/to.avi", 1234, 1234, follow_symlinks=False)
+        os.chown(folder, owner, owner)
+        os.chmod(folder, mode)
+        for name in f"{folder}/to.avi", f"{folder}.avi":
+            Path("out.avi").write_bytes(OLD)
+            done = run(SDV2AVI, "plain.sdv", "-o", name, "--overwrite", code=code)
+            expect("the file is harmed", Path("out.avi").read_bytes() != OLD, code == 0)
+            assert ("link of another user" in done.stderr) == (code != 0), done
+
+
+def key_in_environment():
+    """Who looks at the process later does not find the key that it was started with."""
+    running = subprocess.Popen([SDV2AVI, "-", "-o", "new.avi"], env={**os.environ, "SDV_KEY": KEY, "LAST": "one"},
+                               stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    deadline = time.monotonic() + 20
+    while KEY.encode() in (shown := Path(f"/proc/{running.pid}/environ").read_bytes()) or b"LAST=one" not in shown:
+        assert running.poll() is None and time.monotonic() < deadline, "the key can be read"
+    running.communicate(b"", timeout=20)
+
+
 def parts_together():
     """A signal that comes when the first part has its name finds all of them in their places."""
     stream = Path("plain.sdv").read_bytes()
@@ -159,6 +224,44 @@ def standard_input():
                 done = run(SDV2AVI, source, "-o", "via.avi", "--overwrite", "--json", stdin=file)
             made.append((json.loads(done.stdout)["files"][0]["report"], Path("via.avi").read_bytes()))
         assert made[0] == made[1], f"{name}: {made[0][0]} and {made[1][0]}"
+
+
+# What cannot be read, of which recording, the options.
+UNREADABLE = [
+    ("in the middle", ((40960, 45056), (98304, 131072)), "plain.sdv"),
+    ("the first key frame", ((88, 4096),), "secret.sdv", "--key", KEY),
+    ("behind a frame numbered 0", ((40960, 45056),), "zeros.sdv"),
+    ("the rest", ((81920, 1 << 40),), "damaged.sdv"),
+    ("of a mode that is pushed", ((40960, 45056),), "mode31.sdv"),
+    ("split, from standard input", ((40960, 45056),), "plain.sdv", "--split", "1h"),
+]
+
+
+def check_unreadable(bad, name, *options):
+    """The same file comes out as of a copy with zeros in these places, and the exit code tells them apart."""
+    copy = bytearray(Path(name).read_bytes())
+    bad = [(a, min(b, len(copy))) for a, b in bad]
+    for a, b in bad:
+        copy[a:b] = bytes(b - a)
+    Path("copy.sdv").write_bytes(copy)
+    run(SDV2AVI, "copy.sdv", "-o", "copy.avi", *options)
+    with open(name) as file:
+        done = run(SDV2AVI, "-" if "--split" in options else name, "-o", "it.avi", "--json", *options, code=1,
+                   stdin=file, **failing_disk(name, *bad))
+    told, lost = json.loads(done.stdout)["files"][0], sum(b - a for a, b in bad)
+    expect("what is told", [told["report"]["bytes_unreadable"], told["report"]["first_unreadable"], told["exit_code"],
+                            told["cause"]], [lost, bad[0][0], 1, None])
+    assert f"{lost} bytes " in done.stderr and "could not be read: Input/output error" in done.stderr, done
+    (made,), (wanted,) = (sorted(Path(".").glob(stem)) for stem in ("it*.avi", "copy*.avi"))
+    assert made.read_bytes() == wanted.read_bytes(), "another AVI file"
+
+
+def nothing_readable():
+    """No file of zeros comes out of an input that cannot be read at all, nor behind its header."""
+    for start, said in (0, "plain.sdv: cannot be read: Input/output"), (88, "162925 bytes at 88 could not be read"):
+        for options in [], ["--split", "1M"]:
+            bad = failing_disk("plain.sdv", (start, 1 << 40))
+            check_failure(1, ["plain.sdv", "-o", "new.avi", *options], said, bad)
 
 
 def many_at_a_time():
@@ -236,5 +339,7 @@ if __name__ == "__main__":
     go_through([(what, check_failure, *rest) for what, *rest in FAILURES]
                + [(what, check_success, *rest) for what, *rest in SUCCESSES]
                + [("SIGTERM", check_signal, signal.SIGTERM, False), ("SIGINT", check_signal, signal.SIGINT, True)]
-               + [(check.__name__, check) for check in (parts_together, standard_input, many_at_a_time,
-                                                        progress_on_a_terminal, avicheck, sdvmake)], prepare)
+               + [(f"unreadable: {what}", check_unreadable, *rest) for what, *rest in UNREADABLE]
+               + [(check.__name__, check) for check in (
+                   parts_together, standard_input, nothing_readable, killed, planted_links, key_in_environment,
+                   many_at_a_time, progress_on_a_terminal, avicheck, sdvmake)], prepare)

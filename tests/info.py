@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """What sdvinfo tells of recordings that were made for it, on the command line and on its page.
 
-    info.py SDVMAKE SDV2AVI AVICHECK DATA_DIR SDVINFO [CHROMIUM]
+    info.py SDVMAKE SDV2AVI AVICHECK DATA_DIR SDVINFO FAILING_DISK [CHROMIUM]
 
 With CHROMIUM, the page alone, in that browser.
 """
@@ -16,20 +16,21 @@ import sys
 from collections import Counter
 from pathlib import Path
 
-from checks import KEY, OTHER_KEY, expect, go_through, make, run
+from checks import KEY, OTHER_KEY, expect, failing_disk, go_through, make, run
 
-SDVINFO, CHROMIUM = Path(sys.argv[5]).resolve(), sys.argv[6:]
+SDVINFO, CHROMIUM = Path(sys.argv[5]).resolve(), sys.argv[7:]
 # The page in a frame of a phone's width, which measures it.
 PHONE = """<!doctype html><iframe src="page.html" width="390" height="800" style="border:0"></iframe><p></p><script>
 onload = () => {
   const page = document.querySelector("iframe").contentDocument.documentElement;
   document.querySelector("p").textContent = page.clientWidth + " of " + page.scrollWidth;
 };</script>"""
+UNREADABLE = "cannot be read: the disk or card fails"
 ODD_NAME = os.fsdecode(b"</script>\xff & \"odd\".sdv")
 
 
-def info(*arguments, code=0):
-    return run(SDVINFO, *arguments, code=code).stdout
+def info(*arguments, code=0, **more):
+    return run(SDVINFO, *arguments, code=code, **more).stdout
 
 
 def prepare():
@@ -92,6 +93,19 @@ def codes():
     assert "but no frame in it" in info("headers.sdv").splitlines()[0]
 
 
+def unreadable():
+    """What a disk does not give is in the map, within frames and between them; what lies behind it is found."""
+    frames = json.loads(info("--json", "--frames", "plain.sdv"))["frameList"]
+    bad, kept = (40960, 49152), [f["offset"] for f in frames if not 40960 <= f["offset"] < 49152]
+    told = json.loads(info("--json", "--frames", "plain.sdv", code=1, **failing_disk("plain.sdv", bad)))
+    expect("frames found", [f["offset"] for f in told["frameList"]], kept)
+    behind = min(offset for offset in kept if offset > bad[0])
+    torn = max(f["offset"] + f["size"] for f in frames if f["offset"] < bad[0])
+    expect("map", [(p["offset"], p["length"], p["cause"], p["framesLost"]) for p in told["damage"]["list"]],
+           [(bad[0], torn - bad[0], UNREADABLE, 0), (torn, behind - torn, UNREADABLE, 100 - len(kept))])
+    expect("bytes", told["damage"]["unreadable"], bad[1] - bad[0])
+
+
 # ---- the page
 
 def browse(path):
@@ -136,5 +150,5 @@ if __name__ == "__main__":
     if CHROMIUM and CHROMIUM[0].endswith("NOTFOUND"):
         print("skipped: no chromium to look at the page with")
         sys.exit(77)
-    checks = (page,) if CHROMIUM else (figures, frames, keys, codes)
+    checks = (page,) if CHROMIUM else (figures, frames, keys, codes, unreadable)
     go_through([(check.__name__, check) for check in checks], prepare)

@@ -212,6 +212,7 @@ cli::Exit give_up(Run& run, const std::string& path, const std::string& why, cli
 bool write_page(const std::string& target, const std::string& page, std::string& why)
 {
     tools::TempOutput beside;
+    tools::remove_abandoned_temps(target);
     if (!tools::create_temp(beside, target, why)) return false;
     tools::OutputFile output(beside.path);
     const auto* bytes = reinterpret_cast<const uint8_t*>(page.data());
@@ -253,7 +254,8 @@ bool scan(const Run& run, const std::string& path, const sdv::RecordingFile& fil
                                       list_frame(run, stats.frames, frame);
                                       sdv::add_frame(stats, frame);
                                   },
-                                  [&](const sdv::Gap& gap) { sdv::add_gap(stats, gap); }};
+                                  [&](const sdv::Gap& gap) { sdv::add_gap(stats, gap); },
+                                  [&](uint64_t place) { show_place(watch, place); }};
     const bool scanned = sdv::scan_frames(file, run.key, calls, why);
     tools::wipe_progress(watch.progress);
     return scanned;
@@ -268,7 +270,8 @@ cli::Exit inspect(Run& run, const std::string& path)
     const sdv::Opened opened = sdv::open_recording(file, path, why);
     if (opened != sdv::Opened::Fine)
         return give_up(run, path, why, opened == sdv::Opened::NoRecording ? cli::NoRecording : cli::Failed);
-    if (!scan(run, path, file, stats, why)) return give_up(run, path, path + ": " + why, cli::Failed);
+    const bool whole = scan(run, path, file, stats, why);
+    if (!whole) complain(path + ": " + why, cli::Failed);
 
     const std::string json = stats_json(path, stats);
     end_object(run, json);
@@ -281,6 +284,7 @@ cli::Exit inspect(Run& run, const std::string& path)
     if (!report.empty() && !write_page(report, tools::info_page(path, stats, json), why))
         return complain(why, cli::NoOutput);
     if (stats.wrongKey) return complain(path + ": the key does not open every frame", cli::KeyTrouble);
+    if (!whole) return cli::Failed;
     return is_damaged(stats) ? cli::Damaged : cli::Fine;
 }
 
@@ -322,7 +326,7 @@ try {
         ->excludes(key);
     cli::complete(app, {"sdvinfo IN.sdv\nsdvinfo --json *.sdv\nsdvinfo --key-file camera.key "
                         "--report OUT.html IN.sdv",
-                        {{cli::Failed, "a file cannot be read"},
+                        {{cli::Failed, "a file cannot be read, or not all of it"},
                          {cli::NoRecording, ""},
                          {cli::KeyTrouble, "the key given does not open the recording, or is no key"},
                          {cli::NoOutput, ""},

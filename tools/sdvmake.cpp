@@ -371,6 +371,7 @@ Made write_recording(const Options& options, Recording& recording, Damage& damag
     Made made;
     tools::TempOutput beside; // an older file is not touched until the new one is whole
     std::string why;
+    tools::remove_abandoned_temps(options.output);
     if (!tools::create_temp(beside, options.output, why)) throw Failure{cli::NoOutput, why};
     tools::OutputFile output(beside.path);
     if (!output.file) fail_output(options.output);

@@ -18,13 +18,13 @@ TSdv2Avi& job = g_tSdv2Avi;
 // Where we are in the recording, and where the next frame should begin.
 struct Place
 {
-    uint64_t read = sizeof(S_FileHeader);
+    uint64_t read;
     uint64_t expected = sizeof(S_FileHeader);
 };
 
 void note_gap(SdvReport& report, Place& place, uint64_t end)
 {
-    if (end == place.expected) return;
+    if (end <= place.expected) return; // of a file, the first frame may begin in the file header
     if (report.u64Gaps++ == 0) report.u64FirstGap = place.expected;
     report.u64BytesSkipped += end - place.expected;
 }
@@ -100,14 +100,15 @@ bool push_frame(AviParts& parts, std::span<uint8_t> frame, std::string& why)
         why = parts.target + ": cannot be written: " + why;
         return false;
     }
-    RecordAviEx(frame.data(), int(frame.size()));
+    RecordAvi(frame.data(), int(frame.size())); // no other thread is at work on the job
     return true;
 }
 
 bool push_frames(AviParts& parts, sdv::FrameCutter& cutter, Place& place, std::string& why)
 {
     for (;;) {
-        const auto frame = sdv::take_frame(cutter, job.m_Header.Mode);
+        const auto frame =
+            parts.asFile ? sdv::take_file_frame(cutter) : sdv::take_frame(cutter, job.m_Header.Mode);
         if (frame.empty()) return true;
         if (!job.m_fsRec && !is_key_frame(frame)) continue;
         const uint64_t end = place.read - (cutter.end - cutter.begin);
@@ -117,22 +118,24 @@ bool push_frames(AviParts& parts, sdv::FrameCutter& cutter, Place& place, std::s
     }
 }
 
-// What cannot be read any more is an end like any other.
-size_t read_piece(int fd, std::span<uint8_t> room, AviParts& parts)
+// A stream that breaks ends there.
+size_t read_piece(int fd, uint64_t at, std::span<uint8_t> room, AviParts& parts)
 {
+    if (parts.input.fd >= 0) return rescue_at(parts.input, at, room);
     ssize_t got;
     do got = read(fd, room.data(), room.size());
     while (got < 0 && errno == EINTR);
     if (got >= 0) return size_t(got);
-    parts.losses.push_back("it cannot be read to its end: " + std::string(strerror(errno)));
+    parts.input.error = errno;
     return 0;
 }
 
 Pushed push_all(int fd, AviParts& parts, std::atomic<uint32_t>& kib, std::string& why)
 {
     sdv::FrameCutter cutter;
-    Place place;
-    while (const size_t got = read_piece(fd, sdv::piece_room(cutter), parts)) {
+    Place place{parts.asFile ? 0 : sizeof(S_FileHeader)};
+    begin_rescue(parts.input, fd, place.read);
+    while (const size_t got = read_piece(fd, place.read, sdv::piece_room(cutter), parts)) {
         sdv::add_piece(cutter, got);
         place.read += got;
         kib = uint32_t(place.read >> 10);
@@ -140,6 +143,8 @@ Pushed push_all(int fd, AviParts& parts, std::atomic<uint32_t>& kib, std::string
     }
     const bool begun = job.m_fsRec;
     note_gap(parts.report, place, place.read);
+    parts.report.u64BytesUnreadable = parts.input.lostBytes;
+    if (parts.input.lostBytes) parts.report.u64FirstUnreadable = parts.input.lost.begin()->first;
     if (!finish_part(parts, why)) return Pushed::no_output;
     return begun ? Pushed::all : Pushed::no_key_frame;
 }

@@ -5,6 +5,7 @@
 
 #include "avi_files.h"
 #include "report_text.h"
+#include "rescue_read.h"
 #include "temp_output.h"
 
 #include <atomic>
@@ -24,11 +25,13 @@ struct AviParts
 {
     std::string target; // for their temporary names
     PartLimits limits;
+    bool asFile = false; // frames are found as in a file conversion, and the input begins with its header
     std::deque<TempOutput> files;
     std::vector<uint64_t> firstPictures; // of each file, counted from the recording's start
     uint64_t pictures = 0;
     SdvReport report{};              // of them all
     std::vector<std::string> losses; // that the report does not count, in words
+    RescueRead input;                // what could not be read
 
     DiskRoom room;
     uint64_t groupStart = 0, largestGroup = 0; // bytes from one key frame to the next
@@ -42,8 +45,8 @@ enum class Pushed
     no_output
 };
 
-// Push what can be read behind the file header. `kib` follows the bytes read. Whatever comes before the first
-// key frame is skipped. With no_output the reason is in `why`.
+// Push what can be read behind the file header; of a file, what cannot counts as zeros. `kib` follows the
+// bytes read. Whatever comes before the first key frame is skipped. With no_output the reason is in `why`.
 Pushed push_recording(int fd, const S_FileHeader& header, AviParts& parts, std::atomic<uint32_t>& kib,
                       std::string& why);
 

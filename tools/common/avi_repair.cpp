@@ -227,6 +227,7 @@ bool finish_copy(OutputFile& output, const avi::File& file)
 bool copy_sound(const avi::File& file, const std::string& target, std::string& why, bool replace)
 {
     TempOutput beside;
+    remove_abandoned_temps(target);
     if (!create_temp(beside, target, why)) return false;
     OutputFile output(beside.path);
     errno = 0;

@@ -10,6 +10,9 @@ nlohmann::ordered_json report_json(const SdvReport& report)
             {"dropped_wrong_key", report.u64DroppedWrongKey},
             {"dropped_inconsistent", report.u64DroppedInconsistent},
             {"not_written", report.u64FramesNotWritten},
+            {"bytes_unreadable", report.u64BytesUnreadable},
+            {"first_unreadable", report.u64BytesUnreadable ? nlohmann::ordered_json(report.u64FirstUnreadable)
+                                                           : nlohmann::ordered_json(nullptr)},
             {"bytes_skipped", report.u64BytesSkipped},
             {"gaps", report.u64Gaps},
             {"first_gap",

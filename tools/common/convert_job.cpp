@@ -103,11 +103,13 @@ bool fail_empty(Conversion& c)
 {
     const SdvReport& report = c.result.report;
     const std::string what = c.job.input + ": no frame could be recorded: ";
+    const std::string lost = describe_lost(c.parts.input);
     if (report.u64DroppedWrongKey) return fail(c.result, cli::KeyTrouble, what + "the key is wrong");
     if (report.u64DroppedNoKey)
         return fail(c.result, cli::KeyTrouble, what + "it is encrypted and needs a key");
     if (report.u64DroppedNumber0 || report.u64DroppedInconsistent)
         return fail(c.result, cli::Failed, what + describe_report(report));
+    if (!lost.empty()) return fail(c.result, cli::Failed, what + lost);
     return fail(c.result, cli::NoKeyFrame, c.job.input + ": no whole frame in it");
 }
 
@@ -125,7 +127,8 @@ bool fail_by_outcome(Conversion& c, int outcome, int output)
 {
     switch (outcome) {
     case -1:
-        return fail(c.result, cli::Failed, c.job.input + ": cannot be opened");
+        return fail(c.result, cli::Failed,
+                    c.job.input + ": cannot be opened, or its file header not be read");
     case -2:
         return fail_to_write(c, output);
     case -3:
@@ -164,8 +167,9 @@ int run_library(const Conversion& c, const std::string& input, const std::string
     return KtConvert_SDVtoAVI(from.data(), to.data());
 }
 
-// A file that grew too large is no failure: `tooLarge`, and it is to be made in parts.
-bool convert_whole(Conversion& c, int input, bool& tooLarge)
+// A file that grew too large is no failure: `again`, and it is to be made in parts. Nor is an input that the
+// library could not read to its end: there may be more behind the place.
+bool convert_whole(Conversion& c, int input, bool& again)
 {
     TempOutput& file = c.parts.files.emplace_back();
     c.parts.firstPictures.push_back(0);
@@ -180,8 +184,10 @@ bool convert_whole(Conversion& c, int input, bool& tooLarge)
     struct stat status
     {
     };
-    tooLarge = outcome == -2 && fstat(output.fd, &status) == 0 && uint64_t(status.st_size) > LargestAvi;
-    return outcome == 100 || tooLarge || fail_by_outcome(c, outcome, output.fd);
+    c.parts.asFile = c.parts.report.u64BytesUnreadable && (outcome == 100 || outcome == -4);
+    again = c.parts.asFile ||
+            (outcome == -2 && fstat(output.fd, &status) == 0 && uint64_t(status.st_size) > LargestAvi);
+    return outcome == 100 || again || fail_by_outcome(c, outcome, output.fd);
 }
 
 bool set_limits(Conversion& c)
@@ -200,9 +206,14 @@ bool push(Conversion& c, int input)
 {
     c.parts.target = c.job.output;
     if (!set_limits(c)) return false;
-    if (c.job.input != "-") lseek(input, sizeof(S_FileHeader), SEEK_SET);
-    switch (push_recording(input, c.job.header, c.parts, c.kib, c.why)) {
+    if (c.job.input != "-") lseek(input, c.parts.asFile ? 0 : sizeof(S_FileHeader), SEEK_SET);
+    const Pushed pushed = push_recording(input, c.job.header, c.parts, c.kib, c.why);
+    c.result.report = c.parts.report;
+    switch (pushed) {
     case Pushed::no_key_frame:
+        if (c.parts.input.error)
+            return fail(c.result, cli::Failed,
+                        c.job.input + ": no key frame in it: " + describe_lost(c.parts.input));
         return fail_by_outcome(c, -4, -1);
     case Pushed::no_memory:
         return fail_by_outcome(c, -3, -1);
@@ -219,10 +230,10 @@ bool run(Conversion& c)
     const OpenFile file(c.job.input, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     const int input = c.job.input == "-" ? STDIN_FILENO : file.fd;
     if (input < 0) return fail(c.result, cli::Failed, c.job.input + ": " + strerror(errno));
-    bool tooLarge = false;
     if (!needs_pushing(c)) {
-        if (!convert_whole(c, input, tooLarge)) return false;
-        if (!tooLarge) return true;
+        bool again = false;
+        if (!convert_whole(c, input, again)) return false;
+        if (!again) return true;
         c.parts.files.clear();
         c.parts.firstPictures.clear();
         c.parts.pictures = 0;
@@ -284,6 +295,11 @@ bool finish(Conversion& c)
     c.result.damaged = is_anything_lost(c.result.report) || !c.parts.losses.empty();
     if (is_anything_lost(c.result.report)) c.result.notes.push_back(describe_report(c.result.report));
     c.result.notes.insert(c.result.notes.end(), c.parts.losses.begin(), c.parts.losses.end());
+    if (c.parts.input.error) {
+        c.result.damaged = true;
+        c.result.exit = cli::Failed;
+        c.result.notes.push_back(describe_lost(c.parts.input));
+    }
     c.result.notes.insert(c.result.notes.end(), c.job.notes.begin(), c.job.notes.end());
     note_limits(c);
     return publish(c);

@@ -59,13 +59,17 @@ std::vector<Found> find_with(const fs::path& root, std::error_code& error)
     return found;
 }
 
+// False with errno 0 when it was read, and is none of a recording.
 bool read_header(int fd, S_FileHeader& header)
 {
     size_t held = 0;
+    errno = 0;
     while (held < sizeof(header)) {
         const ssize_t got = read(fd, reinterpret_cast<char*>(&header) + held, sizeof(header) - held);
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
+        if (got < 0) return false;
+        errno = 0;
+        if (got == 0) break;
         held += size_t(got);
     }
     return held == sizeof(header) && IsValidFileHeader(&header);
@@ -83,7 +87,8 @@ void read_input(Job& job)
     else if (!standard && !S_ISREG(status.st_mode))
         refuse_job(job, cli::NoRecording, "is no regular file (- reads a stream from standard input)");
     else if (!read_header(fd, job.header))
-        refuse_job(job, cli::NoRecording, "is no SDV recording");
+        errno ? refuse_job(job, cli::Failed, "cannot be read: " + std::string(strerror(errno)))
+              : refuse_job(job, cli::NoRecording, "is no SDV recording");
     if (!standard) job.size = uint64_t(status.st_size);
     if (!standard && fd >= 0) close(fd);
 }

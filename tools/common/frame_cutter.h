@@ -13,6 +13,9 @@ struct FrameCutter
     size_t begin = 0; // the bytes that wait: buffer[begin] to buffer[end - 1]
     size_t end = 0;
     uint64_t skipped = 0; // bytes that belong to no frame
+
+    // Of take_file_frame(): the first frame is a key frame; what follows one numbered 0 is not searched for.
+    bool begun = false, found = false;
 };
 
 // Room for the next piece, at least 1 MiB as long as frames are taken out. What was written into it counts
@@ -26,5 +29,8 @@ std::span<uint8_t> take_bytes(FrameCutter& cutter, size_t count);
 // The next whole frame of a stream of this mode; empty when none waits. It lies in the buffer, to be used
 // before the next call of piece_room(). Frames are found by the rules of RecordAviEx().
 std::span<uint8_t> take_frame(FrameCutter& cutter, int mode);
+
+// The same of a whole file, from its first byte on, by the rules of a file conversion.
+std::span<uint8_t> take_file_frame(FrameCutter& cutter);
 
 } // namespace sdv

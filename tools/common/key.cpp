@@ -67,8 +67,9 @@ bool read_key_file(const std::string& path, std::vector<uint8_t>& key, std::stri
 bool find_key(const std::optional<std::string>& hex, const std::optional<std::string>& file,
               std::vector<uint8_t>& key, std::string& why)
 {
-    const char* variable = getenv("SDV_KEY");
+    char* variable = getenv("SDV_KEY");
     const std::string text = variable ? variable : "";
+    if (variable) explicit_bzero(variable, text.size()); // /proc shows these bytes, whatever the variable is
     unsetenv("SDV_KEY");
     key.clear();
     if (hex) return parse_key(*hex, key, why);

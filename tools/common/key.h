@@ -16,7 +16,8 @@ bool parse_key(const std::string& hex, std::vector<uint8_t>& key, std::string& w
 bool read_key_file(const std::string& path, std::vector<uint8_t>& key, std::string& why);
 
 // The key as a tool is given it: as text, in a file, or else in the environment variable SDV_KEY, which is
-// taken out of the environment so that no child sees it. None given is fine: `key` is then empty.
+// taken out of the environment so that neither a child nor /proc shows it. None given is fine: `key` is then
+// empty.
 bool find_key(const std::optional<std::string>& hex, const std::optional<std::string>& file,
               std::vector<uint8_t>& key, std::string& why);
 

@@ -157,8 +157,10 @@ FactGroup encryption_facts(const Stats& stats)
 FactGroup damage_facts(const Stats& stats)
 {
     return {"Damage",
-            {count("damage/places", "Places without a frame", stats.damageCount),
+            {count("damage/places", "Damaged places", stats.damageCount),
              {"damage/bytes", "Bytes in them", tools::human_bytes(stats.damageBytes), stats.damageBytes},
+             {"damage/unreadable", "Bytes that cannot be read", tools::human_bytes(stats.unreadableBytes),
+              stats.unreadableBytes, stats.unreadableBytes > 0},
              count("numbering/gaps", "Places where the numbers jump", stats.numberGapCount),
              count("numbering/missing", "Frames missing by their numbers", stats.missing)}};
 }

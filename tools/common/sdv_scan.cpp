@@ -1,6 +1,7 @@
 #include "sdv_scan.h"
 
 #include "Quorlin.h"
+#include "rescue_read.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -34,7 +35,7 @@ struct Scan
     Rules rules;
     std::vector<uint8_t> window;
     uint64_t windowStart = 0;
-    int error = 0; // errno of a failed read
+    tools::RescueRead input{};
     uint64_t frameStart = 0, frameEnd = 0;
 };
 
@@ -50,12 +51,10 @@ void load(Scan& scan, uint64_t at)
     size_t held = 0;
     scan.window.resize(WindowSize);
     while (held < WindowSize && at + held < scan.file.size) {
-        const ssize_t got =
-            pread(scan.file.fd, scan.window.data() + held, WindowSize - held, off_t(at + held));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) scan.error = errno;
-        if (got <= 0) break;
-        held += size_t(got);
+        const size_t got = tools::rescue_at(scan.input, at + held, std::span(scan.window).subspan(held));
+        if (!got) break;
+        held += got;
+        if (scan.calls.read) scan.calls.read(at + held);
     }
     scan.window.resize(held);
     scan.windowStart = at;
@@ -127,6 +126,7 @@ bool is_filled(Scan& scan, uint64_t at, uint64_t end, uint8_t with)
 
 Cause cause_of(Scan& scan, uint64_t from, uint64_t end)
 {
+    if (tools::lost_between(scan.input, from, end)) return Cause::Unreadable;
     if (is_filled(scan, from, end, 0)) return Cause::Zeros;
     if (is_filled(scan, from, end, 0xFF)) return Cause::Erased;
 
@@ -144,8 +144,20 @@ Cause cause_of(Scan& scan, uint64_t from, uint64_t end)
 void note_gap(Scan& scan, uint64_t from, uint64_t end)
 {
     from = std::max<uint64_t>(from, sizeof(S_FileHeader));
-    if (from >= end || scan.error) return;
-    scan.calls.gap({from, end - from, cause_of(scan, from, end)});
+    if (from >= end) return;
+    const Cause cause = cause_of(scan, from, end); // has all of it looked at
+    scan.calls.gap({from, end - from, cause, tools::lost_between(scan.input, from, end)});
+}
+
+// The frame is found, and kept with zeros in these places.
+void note_lost_parts(Scan& scan, uint64_t from, uint64_t end)
+{
+    auto place = scan.input.lost.upper_bound(from);
+    if (place != scan.input.lost.begin()) --place;
+    for (; place != scan.input.lost.end() && place->first < end; ++place) {
+        const uint64_t first = std::max(from, place->first), last = std::min(end, place->second);
+        if (first < last) scan.calls.gap({first, last - first, Cause::Unreadable, last - first, true});
+    }
 }
 
 Cipher decipher(std::span<uint8_t> frame)
@@ -209,10 +221,11 @@ void walk(Scan& scan, uint64_t at, uint64_t end, bool leading)
         if (size > end - start) break;
         note_gap(scan, gapStart, start);
         const auto bytes = view(scan, start, size_t(size));
-        if (bytes.size() < size) return; // the file has become shorter, or cannot be read
+        if (bytes.size() < size) return; // the file has become shorter
         S_FrameHeader header;
         memcpy(&header, bytes.data(), sizeof(header));
         take_frame(scan, start, bytes.first(size_t(size)), leading);
+        if (tools::lost_between(scan.input, start, start + size)) note_lost_parts(scan, start, start + size);
         at = gapStart = start + size;
         // A conversion takes whatever follows a frame numbered 0 for a frame.
         search = leading || !scan.rules.converted || header.u32FrameNO != 0;
@@ -267,13 +280,15 @@ bool scan_frames(const RecordingFile& file, std::span<const uint8_t> key, const 
     SetDecryptKey(copy.empty() ? nullptr : copy.data(), int(copy.size()));
 
     Scan scan{file, calls, rules_of(file.header.Mode), {}};
+    scan.input.fd = file.fd;
+    scan.input.size = file.size;
     const uint64_t behindHeader = sizeof(S_FileHeader);
     // The search of a conversion begins at the very start: the file header is scanned too.
     const uint64_t first = scan.rules.converted ? seek_frame(scan, 0, file.size, true) : behindHeader;
     walk(scan, behindHeader, first, true);
     walk(scan, first, file.size, false);
-    if (scan.error) why = std::string("cannot be read to its end: ") + strerror(scan.error);
-    return !scan.error;
+    why = tools::describe_lost(scan.input);
+    return why.empty();
 }
 
 } // namespace sdv

@@ -70,30 +70,35 @@ enum class Cause
     Erased,       // bytes FF, as erased flash memory has them
     BadHeader,    // a frame header whose sizes do not add up
     MissingBytes, // the frame in front of the place reaches into the next one
-    CutOff        // a last frame that is not whole
+    CutOff,       // a last frame that is not whole
+    Unreadable    // the disk fails, there or in parts of it
 };
 
 // Do the parts that its header declares lie within the frame? Only one behind a frame numbered 0, which
 // nobody has searched for, can be otherwise.
 bool is_consistent(const ScannedFrame& frame);
 
-// Bytes that belong to no frame.
+// Bytes that belong to no frame, or cannot be read.
 struct Gap
 {
     uint64_t offset;
     uint64_t length;
     Cause cause;
+    uint64_t unreadable = 0; // of its bytes
+    bool inFrame = false;    // of the frame that came last, which has zeros there
 };
 
 struct ScanCalls
 {
     std::function<void(const ScannedFrame&)> frame;
     std::function<void(const Gap&)> gap;
+    std::function<void(uint64_t)> read{}; // up to there; where a disk fails, after every block
 };
 
 // Everything behind the file header, front to back. Recordings of the modes 31, 32 and 11, which cannot be
 // converted as files, are taken apart as pushed streams are. The key (empty: none) and the file header become
-// those of the library's one job. False, and the reason in `why`, when the file cannot be read to its end.
+// those of the library's one job. What cannot be read counts as zeros; false, and how much that was in `why`,
+// when there is any.
 bool scan_frames(const RecordingFile& file, std::span<const uint8_t> key, const ScanCalls& calls,
                  std::string& why);
 

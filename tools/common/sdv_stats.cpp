@@ -58,7 +58,7 @@ void add_numbering(Stats& stats, const ScannedFrame& frame)
         bin_at(stats.byFrame, stats.frames).missing += missing;
     }
     const bool told = step >= 1 && step <= LongestLoss;
-    if (stats.behindGap && told && stats.damageCount <= MostListed) stats.damage.back().lost = missing;
+    if (stats.openGap && told) stats.damage[*stats.openGap].lost = missing;
 }
 
 void add_time(Stats& stats, const S_FrameHeader& header)
@@ -203,7 +203,7 @@ void add_frame(Stats& stats, const ScannedFrame& frame)
             add_numbering(stats, frame);
         }
         stats.last = header;
-        stats.behindGap = false;
+        stats.openGap.reset();
         if (header.u8FrameType == 0) add_key_frame(stats);
         add_parts(stats, frame);
     }
@@ -215,8 +215,12 @@ void add_gap(Stats& stats, const Gap& gap)
 {
     ++stats.damageCount;
     stats.damageBytes += gap.length;
-    stats.behindGap = true;
-    if (stats.damage.size() < MostListed) stats.damage.push_back({gap, {}});
+    stats.unreadableBytes += gap.unreadable;
+    if (!gap.inFrame) stats.openGap.reset();
+    if (stats.damage.size() < MostListed) {
+        if (!gap.inFrame) stats.openGap = stats.damage.size();
+        stats.damage.push_back({gap, gap.inFrame ? std::optional<uint64_t>(0) : std::nullopt});
+    }
     ++bin_at(stats.byFrame, stats.frames).damage;
     ++bin_at(stats.bySecond, stats.stampedMs / 1000).damage;
 }
@@ -291,7 +295,8 @@ const char* cause_text(Cause cause)
                                  "bytes FF: erased memory",
                                  "a frame header whose sizes do not add up",
                                  "bytes are missing in the frame before",
-                                 "the last frame is cut off"};
+                                 "the last frame is cut off",
+                                 "cannot be read: the disk or card fails"};
     return texts[size_t(cause)];
 }
 

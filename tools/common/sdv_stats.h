@@ -52,7 +52,7 @@ struct Stats
 
     uint64_t missing = 0, numberGapCount = 0;
     std::vector<NumberGap> numberGaps;
-    uint64_t damageCount = 0, damageBytes = 0;
+    uint64_t damageCount = 0, damageBytes = 0, unreadableBytes = 0;
     std::vector<DamagePlace> damage;
 
     // Time stamps are taken for milliseconds. Steps back, and forward by more than a minute, are jumps.
@@ -77,7 +77,7 @@ struct Stats
     // Where we are.
     std::optional<S_FrameHeader> last;
     std::optional<uint64_t> lastKey;
-    bool behindGap = false;
+    std::optional<size_t> openGap; // in `damage`: behind it no frame has come yet
 };
 
 void begin_stats(Stats& stats, const RecordingFile& file, bool keyGiven);

@@ -9,9 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <random>
+#include <string_view>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,10 +22,19 @@
 namespace tools {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr int EndSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-// What the signal handler removes: it can know nothing but a static. Changed with the signals blocked.
+// What the signal handler removes: it can know nothing but a static. Changed under ListChange.
 TempOutput* s_first;
+std::mutex s_listMutex;
+
+constexpr int MostLinks = 40; // one behind the other, as the kernel has it
+
+// Behind it come six digits. Nobody else's files are called so: those that nobody holds are removed.
+constexpr std::string_view TempMark = ".quorlin-";
+constexpr size_t TempDigits = 6;
 
 void end_by_signal(int number)
 {
@@ -33,21 +45,26 @@ void end_by_signal(int number)
     _exit(128 + number);
 }
 
-// A thread that leaves the signals to another one goes on leaving them.
-struct SignalsBlocked
+// No signal comes between, nor another thread. One that leaves the signals to another goes on leaving them.
+struct ListChange
 {
     sigset_t before;
 
-    SignalsBlocked()
+    ListChange()
     {
         sigset_t set;
         sigemptyset(&set);
         for (int number : EndSignals) sigaddset(&set, number);
         pthread_sigmask(SIG_BLOCK, &set, &before);
+        s_listMutex.lock();
     }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    ListChange(const ListChange&) = delete;
+    ListChange& operator=(const ListChange&) = delete;
+    ~ListChange()
+    {
+        s_listMutex.unlock();
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
 };
 
 // A signal that was ignored when the program started (nohup, a job in the background) stays ignored.
@@ -69,15 +86,30 @@ bool fail(std::string& why, const std::string& path, const char* reason)
     return false;
 }
 
+// Where all can write and none can remove what is another's, as in /tmp, a link may be a trap: whoever put it
+// there chose which of our files we replace. Not every kernel refuses to follow it.
+bool is_planted(const fs::path& link)
+{
+    struct stat own, folder;
+    const fs::path parent = link.parent_path();
+    if (lstat(link.c_str(), &own) != 0 || stat(parent.empty() ? "." : parent.c_str(), &folder) != 0)
+        return false;
+    return (folder.st_mode & S_ISVTX) && (folder.st_mode & S_IWOTH) && own.st_uid != geteuid() &&
+           own.st_uid != folder.st_uid;
+}
+
+// A link is followed once: what it leads to now is what is replaced.
 bool resolve(const std::string& name, std::string& target, std::string& why)
 {
     std::error_code error;
-    target = name;
-    if (std::filesystem::is_symlink(name, error)) {
-        const auto real = std::filesystem::canonical(name, error);
-        if (error) return fail(why, name, "a symbolic link that leads nowhere");
-        target = real.string();
+    fs::path at = name;
+    for (int links = 0; fs::is_symlink(fs::symlink_status(at, error)); ++links) {
+        if (is_planted(at)) return fail(why, name, "a symbolic link of another user, where all can put some");
+        at = at.parent_path() / fs::read_symlink(at, error);
+        if (error || links == MostLinks || !exists(at.string()))
+            return fail(why, name, "a symbolic link that leads nowhere");
     }
+    target = at.string();
     struct stat status;
     if (stat(target.c_str(), &status) < 0) return true;
     if (S_ISDIR(status.st_mode)) return fail(why, name, "is a directory");
@@ -85,9 +117,10 @@ bool resolve(const std::string& name, std::string& target, std::string& why)
     return true;
 }
 
-void arm(TempOutput& output, const std::string& path)
+void arm(TempOutput& output, const std::string& path, int fd)
 {
     output.path = path;
+    output.fd = fd;
     output.next = s_first;
     s_first = &output;
     watch_signals(end_by_signal);
@@ -100,15 +133,54 @@ void disarm(TempOutput& output)
     *at = output.next;
     if (!s_first) watch_signals(SIG_DFL);
     output.path.clear();
+    close(output.fd);
+    output.fd = -1;
 }
 
 // A name beside the target, which may itself be as long as names can be.
 std::string temp_name(const std::string& target, unsigned number)
 {
-    char suffix[8];
-    const auto length = size_t(snprintf(suffix, sizeof(suffix), ".%06x", number & 0xFFFFFF));
-    const size_t name = target.rfind('/') + 1;
-    return target.substr(0, name + std::min(target.size() - name, NAME_MAX - length)) + suffix;
+    char digits[TempDigits + 1];
+    snprintf(digits, sizeof(digits), "%06x", number & 0xFFFFFF);
+    const size_t name = target.rfind('/') + 1, most = NAME_MAX - TempMark.size() - TempDigits;
+    return target.substr(0, name + std::min(target.size() - name, most)).append(TempMark) + digits;
+}
+
+bool is_temp_name(const std::string& name)
+{
+    const size_t mark = name.rfind(TempMark);
+    return mark != std::string::npos && mark > 0 && name.size() == mark + TempMark.size() + TempDigits &&
+           name.find_first_not_of("0123456789abcdef", mark + TempMark.size()) == std::string::npos;
+}
+
+// The lock tells that the owner lives. False when somebody who clears up came between, and removes the file.
+bool lock_temp(int fd, const std::string& path)
+{
+    const bool taken = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    return !taken && exists(path);
+}
+
+// Where there are no locks, nothing is known to be abandoned.
+void remove_if_abandoned(const std::string& path)
+{
+    struct stat named, held;
+    if (lstat(path.c_str(), &named) != 0 || !S_ISREG(named.st_mode) || named.st_uid != geteuid()) return;
+    const int fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return;
+    // Its owner may have given it its name, and let it go, since it was opened.
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &held) == 0 && lstat(path.c_str(), &named) == 0 &&
+        held.st_dev == named.st_dev && held.st_ino == named.st_ino)
+        unlink(path.c_str());
+    close(fd);
+}
+
+// A descriptor is held for each file, and there may be thousands of parts.
+void allow_descriptors()
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // All or none; only what replaced an older file cannot be taken back.
@@ -132,7 +204,7 @@ bool put_in_place(std::span<TempOutput* const> outputs, std::string& why, bool r
 TempOutput::~TempOutput()
 {
     if (path.empty()) return;
-    const SignalsBlocked blocked;
+    const ListChange change;
     unlink(path.c_str());
     disarm(*this);
 }
@@ -146,19 +218,32 @@ bool create_temp(TempOutput& output, const std::string& target, std::string& why
 {
     if (!resolve(target, output.target, why)) return false;
     std::random_device random;
+    allow_descriptors();
     for (int tries = 0; tries < 100; ++tries) {
         const std::string path = temp_name(output.target, random());
-        const SignalsBlocked blocked;
+        const ListChange change;
         const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         const int reason = errno;
-        if (fd >= 0) {
+        const bool ours = fd >= 0 && lock_temp(fd, path);
+        if (ours)
+            arm(output, path, fd);
+        else if (fd >= 0)
             close(fd);
-            arm(output, path);
-        }
-        if (fd >= 0) return true;
-        if (reason != EEXIST) return fail(why, target, strerror(reason));
+        if (ours) return true;
+        if (fd < 0 && reason != EEXIST) return fail(why, target, strerror(reason));
     }
     return fail(why, target, "no free temporary name beside it");
+}
+
+void remove_abandoned_temps(const std::string& target)
+{
+    std::string real, why;
+    if (!resolve(target, real, why)) return;
+    const fs::path folder = fs::path(real).parent_path();
+    std::error_code error;
+    for (fs::directory_iterator at(folder.empty() ? "." : folder, error), end; !error && at != end;
+         at.increment(error))
+        if (is_temp_name(at->path().filename().string())) remove_if_abandoned(at->path().string());
 }
 
 bool commit_temp(TempOutput& output, std::string& why, bool replace)
@@ -173,7 +258,7 @@ bool commit_temps(std::span<TempOutput* const> outputs, std::string& why, bool r
         if (!sync_file(output->path)) return fail(why, output->path, strerror(errno));
     bool done;
     {
-        const SignalsBlocked blocked;
+        const ListChange change;
         done = put_in_place(outputs, why, replace);
     }
     if (done && !outputs.empty()) sync_directory(outputs.front()->target);

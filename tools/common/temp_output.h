@@ -12,6 +12,7 @@ struct TempOutput
     std::string target; // the name asked for; where it is a symbolic link, what it points to. The file may
                         // be given another one before it is committed.
     std::string path;   // the temporary name; empty when there is none
+    int fd = -1;        // locked as long as the file has that name
     TempOutput* next = nullptr; // of those that the signals remove
 
     TempOutput() = default;
@@ -26,8 +27,11 @@ bool is_taken(const std::string& name, std::string& why);
 
 // Create an empty file beside `target`, with the rights that the umask leaves. From here on a signal to end
 // removes it and ends the process with 128 + its number. False, and the reason in `why`, also when `target`
-// is something that must not be replaced.
+// is something that must not be replaced, or a link that another user put where all can.
 bool create_temp(TempOutput& output, const std::string& target, std::string& why);
+
+// Remove our temporary files in the target's directory whose owners are gone, by a kill or a power failure.
+void remove_abandoned_temps(const std::string& target);
 
 // Put the file in its place, on the disk first. Unless it may `replace` one, somebody else's file that has
 // come there meanwhile stands in its way. False, and the reason in `why`; an older file is then unharmed.

@@ -1,5 +1,6 @@
 #include "worker_pool.h"
 #include "progress.h"
+#include "temp_output.h"
 
 #include <algorithm>
 #include <array>
@@ -8,6 +9,8 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
+#include <filesystem>
+#include <set>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -185,8 +188,10 @@ void collect(Pool& pool, Worker& worker)
     while (waitpid(worker.pid, &status, 0) < 0 && errno == EINTR) {
     }
     close(worker.fd);
-    if (!unpack(worker.message, pool.results[worker.job]))
+    if (!unpack(worker.message, pool.results[worker.job])) {
         fail_job(pool, worker.job, s_signal ? "interrupted" : end_text(status));
+        remove_abandoned_temps(pool.jobs[worker.job].output);
+    }
     worker.pid = -1;
 }
 
@@ -246,6 +251,16 @@ void end_workers(Pool& pool)
         if (worker.pid > 0) collect(pool, worker);
 }
 
+// Of earlier runs.
+void clear_folders(const std::vector<Job>& jobs)
+{
+    std::set<std::filesystem::path> cleared;
+    for (const Job& job : jobs)
+        if (job.refused.cause.empty() &&
+            cleared.insert(std::filesystem::path(job.output).parent_path()).second)
+            remove_abandoned_temps(job.output);
+}
+
 size_t next_job(const Pool& pool, size_t job)
 {
     while (job < pool.jobs.size() && !pool.jobs[job].refused.cause.empty()) ++job;
@@ -284,6 +299,7 @@ int run_jobs(const std::vector<Job>& jobs, const PoolSettings& settings, std::ve
     pool.progress.shown = settings.progress;
 
     watch_signals(pool);
+    clear_folders(jobs);
     const size_t begun = run_pool(pool);
     wipe_progress(pool.progress);
     end_workers(pool);
