@@ -91,7 +91,7 @@ static void begin(Peer& peer, bool dialled)
 
 static void end(Peer& peer, bool reset)
 {
-    reset ? close_with_reset(peer.fd) : static_cast<void>(close(peer.fd));
+    close_peer(peer.fd, reset);
     peer.fd = -1;
 }
 

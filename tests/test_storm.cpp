@@ -30,7 +30,7 @@ static void plain_round(int, unsigned dice)
     const int peer = plain_connect(s_port);
     EXPECT_TRUE(send_all(peer, message));
     EXPECT_TRUE(dice % 3 == 0 || read_up_to(peer, message.size()) == message);
-    dice % 2 ? close_with_reset(peer) : static_cast<void>(close(peer));
+    close_peer(peer, dice % 2 != 0);
 }
 
 // A plain peer pours until it fails, while the client on the other side is destroyed.
