@@ -116,6 +116,14 @@ static void convert_and_compare(const Run& run, Bytes& file)
     EXPECT_EQ(report().u64FramesRecorded, of_whole.u64FramesRecorded);
 }
 
+// A check that fails ends the run, and only libFuzzer's texts are seen.
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    testing::GTEST_FLAG(throw_on_failure) = true;
+    EXPECT_TRUE(freopen("/dev/null", "w", stdout));
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     const Run run = make_run(bytes, size);

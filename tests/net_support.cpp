@@ -114,6 +114,12 @@ void close_with_reset(int fd)
     close(fd);
 }
 
+void close_peer(int fd, bool reset)
+{
+    if (reset) return close_with_reset(fd);
+    close(fd);
+}
+
 // ---- the library's side
 
 template <char what>

@@ -43,6 +43,7 @@ int plain_connect(uint16_t port, int fd = socket(AF_INET, SOCK_STREAM, 0));
 bool send_all(int fd, const std::string& data);
 std::string read_up_to(int fd, size_t count); // shorter at the peer's end
 void close_with_reset(int fd);
+void close_peer(int fd, bool reset);
 
 struct Watched
 {

@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <string.h>
 
+#include <array>
 #include <memory>
 
 #include "common_fun.h"
@@ -93,8 +94,18 @@ TEST(Splitting, AtAString)
         EXPECT_EQ(fields.texts(wanted.size()), wanted);
         EXPECT_EQ(bounded.texts(wanted.size()), wanted);
     }
+    const std::array<const char*, 4> halves[] = {
+        {"=b", "=", "", "b"}, {"a==b=", "==", "a", "b="}, {"ab", "=", "", ""}, {"ab", "", "", ""}};
+    for (const auto& [from, separator, left, right] : halves) {
+        const Exact before(from), behind(from); // in place
+        OnCharLeft(before, Exact(separator), before);
+        OnCharRight(behind, Exact(separator), behind);
+        EXPECT_STREQ(before, left);
+        EXPECT_STREQ(behind, right);
+    }
     Fields two;
     EXPECT_EQ(SplitStringToArrayEx(Exact("a,b,c,"), Exact(","), two.at, 2), -1);
+    EXPECT_EQ(SplitStringToArrayEx(Exact("c,"), Exact(","), two.at, 0), -1);
     EXPECT_EQ(two.texts(3), (Texts{"a", "b", ""}));
 
     char list[] = "a,b,c";
@@ -116,7 +127,8 @@ TEST(Splitting, AtACharacter)
                  {"", 16, 4, 1, {""}},
                  {"abcd.e", 4, 2, -2, {"abcd", ""}},
                  {"abc.e", 4, 2, 2, {"abc", "e"}},
-                 {"a.b.c.d.e", 16, 4, -3, {"a", "b", "c", "d", ""}},
+                 {"a.b.c.d.", 16, 4, -3, {"a", "b", "c", "d", ""}},
+                 {"a", 16, 0, -3, {""}},
                  {"a", 0, 1, -2, {""}}};
     for (const auto& [source, length, count, result, wanted] : cases) {
         Fields fields;
@@ -187,6 +199,8 @@ TEST(Encodings, Base64AndChecksum)
     words[5] = htons(0xB861);
     EXPECT_EQ(cal_chksum(words, 20), 0);
     EXPECT_EQ(cal_chksum(words, 21), htons(0x7FFF)); // an odd byte is the first of its word
+    unsigned short carries[] = {0xFFFF, 0xFFFF, 1};  // twice
+    EXPECT_EQ(cal_chksum(carries, 6), 0xFFFE);
 }
 
 TEST(Clocks, FreezeAndRun)

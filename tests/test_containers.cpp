@@ -1,41 +1,115 @@
-#include "../fuzz/container_models.h"
-
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <random>
 
+#include "libos.h"
 #include "support.h"
 
-// Deals out random numbers as the fuzzer does its bytes: the models it drives are driven on every machine.
-struct RandomData
+// The list and the ring buffer as random sequences of calls, against simple models.
+struct Dice
 {
     std::mt19937 random;
-    size_t left = 20000;
-
-    size_t remaining_bytes() const { return left; }
-    bool ConsumeBool() { return ConsumeIntegralInRange(0, 1); }
-    template <typename T>
-    T ConsumeIntegral()
-    {
-        return ConsumeIntegralInRange<T>(0, 255);
-    }
-    template <typename T>
-    T ConsumeIntegralInRange(T from, T to)
-    {
-        left -= std::min<size_t>(left, 1);
-        return T(from + T(random() % (uint64_t(to - from) + 1)));
-    }
-    template <typename T>
-    Bytes ConsumeBytes(size_t count)
-    {
-        return noise(count, uint32_t(random()));
-    }
+    size_t operator()(size_t most) { return random() % (most + 1); }
 };
+
+static uint32_t value_of(DListNode* node)
+{
+    uint32_t value;
+    memcpy(&value, adt_dlist_getdata(node), sizeof(value));
+    return value;
+}
+
+static void require_same(DList* list, const std::vector<uint32_t>& model)
+{
+    std::vector<uint32_t> forward, backward;
+    for (DListNode* at = adt_dlist_head(list); at; at = adt_dlist_next(at)) forward.push_back(value_of(at));
+    for (DListNode* at = adt_dlist_end(list); at; at = adt_dlist_prev(at))
+        backward.insert(backward.begin(), value_of(at));
+    EXPECT_TRUE(forward == model && backward == model);
+    EXPECT_TRUE(adt_dlist_size(list) == model.size() && bool(adt_dlist_empty(list)) == model.empty());
+}
+
+// The first difference ends it, since the calls behind it would go wrong, too.
+static void drive_list(Dice& dice)
+{
+    DList* list = adt_dlist_create(sizeof(uint32_t));
+    std::vector<uint32_t> model;
+    DListNode stranger = {};
+    for (uint32_t i = 0; i < 200 && !testing::Test::HasFailure(); ++i) {
+        const size_t place = dice(model.size()); // one behind the end: NULL
+        DListNode* node = adt_dlist_head(list);
+        for (size_t k = 0; k < place && node; ++k) node = adt_dlist_next(node);
+        const bool any = node;
+        if (model.empty()) node = &stranger; // the position is ignored in an empty list
+        const size_t what = dice(7);         // as many go as come, so that it is often empty
+        if (what < 2) {
+            EXPECT_TRUE(adt_dlist_insert(list, node, &i));
+            model.insert(any ? model.begin() + long(place) : model.begin(), i);
+        } else if (what < 4) {
+            EXPECT_TRUE(adt_dlist_add(list, node, &i));
+            model.insert(any ? model.begin() + long(place) + 1 : model.end(), i);
+        } else if (any) {
+            DListNode* next = adt_dlist_next(node);
+            EXPECT_TRUE(i % 2 ? adt_dlist_delete_ex(list, node) == next : adt_dlist_delete(list, node) == 1);
+            model.erase(model.begin() + long(place));
+        }
+        require_same(list, model);
+    }
+    EXPECT_EQ(adt_dlist_destroy(list), 1);
+}
+
+static void write_ring(Dice& dice, RingBuf* ring, Bytes& model, int32_t bufsize, int type)
+{
+    Bytes bytes = noise(dice(2 * size_t(bufsize)), uint32_t(dice.random()));
+    // A writer that has to wait would wait for ever: nobody else reads.
+    if (type == RINGBUF_WRITE_BLOCK) bytes.resize(std::min(bytes.size(), size_t(ringbuf_capacity(ring))));
+    model.insert(model.end(), bytes.begin(), bytes.end());
+    model.erase(model.begin(), model.end() - std::min<long>(bufsize, model.end() - model.begin()));
+    EXPECT_EQ(ringbuf_write(int32_t(bytes.size()), bytes.data(), ring), bytes.empty() ? 0 : bufsize);
+}
+
+static void read_ring(Dice& dice, RingBuf* ring, Bytes& model)
+{
+    const int32_t wanted = int32_t(dice(700));
+    const int32_t count = std::min(wanted, int32_t(model.size()));
+    Bytes copy(size_t(wanted), 0), read = copy;
+    EXPECT_TRUE(model.empty() || *static_cast<uint8_t*>(ringbuf_getdata(ring)) == model[0]);
+    EXPECT_EQ(ringbuf_copy(wanted, copy.data(), ring), count);
+    if (dice(1))
+        EXPECT_EQ(ringbuf_remove(count, ring), 0);
+    else
+        EXPECT_TRUE(ringbuf_read(wanted, read.data(), ring) == count && read == copy);
+    EXPECT_TRUE(std::equal(copy.begin(), copy.begin() + count, model.begin()));
+    model.erase(model.begin(), model.begin() + count);
+}
+
+static void drive_ring(Dice& dice)
+{
+    const int32_t bufsize = 1 + int32_t(dice(299));
+    const int type = dice(1) ? RINGBUF_WRITE_BLOCK : RINGBUF_WRITE_COVER;
+    RingBuf* ring = ringbuf_create(bufsize, type);
+    Bytes model;
+    for (int i = 0; i < 4000 && !testing::Test::HasFailure(); ++i) {
+        const size_t what = dice(8);
+        if (what == 8) {
+            ringbuf_clear(ring);
+            model.clear();
+        } else if (what % 2) {
+            write_ring(dice, ring, model, bufsize, type);
+        } else {
+            read_ring(dice, ring, model);
+        }
+        EXPECT_EQ(ringbuf_datasize(ring), int32_t(model.size()));
+    }
+    ringbuf_destroy(ring);
+}
 
 TEST(Containers, AnyMixOfCallsKeepsWhatTheModelsKeep)
 {
     for (uint32_t seed = 1; seed <= 20; ++seed) {
-        RandomData list{std::mt19937(seed)}, ring{std::mt19937(seed)};
+        Dice list{std::mt19937(seed)}, ring{std::mt19937(seed)};
         drive_list(list);
         drive_ring(ring);
     }

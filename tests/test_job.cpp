@@ -3,8 +3,17 @@
 #include "support.h"
 
 // What the caller set, or an earlier job left behind, is gone.
-static void expect_fresh(const TSdv2Avi& job, int rate)
+TEST(Job, InitializeResetsAllButKeyAndHeldBlock)
 {
+    const TSdv2Avi& job = g_tSdv2Avi;
+    unsigned char key[] = "0123456789abcdef";
+    SetDecryptKey(key, 16);
+    Initialize(8000);
+    QuorlinRelease(); // which keeps the block
+    AVI_IndexBlock* const block = g_tSdv2Avi.m_IndexBlock;
+    memset(&g_tSdv2Avi, 0x77, offsetof(TSdv2Avi, m_bDecryptKeyReady));
+    g_tSdv2Avi.m_IndexBlock = block;
+    EXPECT_EQ(Initialize(16000), 0);
     for (const int32_t zero :
          {job.m_iIsSwitching, job.m_iRecFileType, job.m_iPosition, job.m_iTotalFrames, job.m_iAudioFrames,
           job.m_iMoviBeginPos, job.m_iMaxFrameLen, job.m_iAviInitTimes, job.m_bWriteHead, job.m_iFrameCount,
@@ -13,29 +22,13 @@ static void expect_fresh(const TSdv2Avi& job, int rate)
         EXPECT_EQ(zero, 0);
     EXPECT_TRUE(all_zero(job.m_szInputPath, 260) && all_zero(job.m_szOutputPath, 260) &&
                 all_zero(&job.m_Header, sizeof(job.m_Header)) && !job.m_tChangeid && !job.m_fsRec);
-    EXPECT_EQ(std::tuple(job.m_iAviOffset, job.m_iAudioSampleRate, job.m_iAudioChannel),
-              std::tuple(4, rate, 1));
-    ASSERT_TRUE(job.m_IndexBlock && job.m_lstIndex && m_lstIndexPoll && job.m_pStreamBuf);
+    EXPECT_EQ(std::tuple(job.m_iAviOffset, job.m_iAudioSampleRate, job.m_iAudioChannel, job.m_iMaxBufSize),
+              std::tuple(4, 16000, 1, 6291456));
+    EXPECT_EQ(job.m_IndexBlock, block) << "a block still held is used again";
+    ASSERT_TRUE(block && job.m_lstIndex && m_lstIndexPoll && job.m_pStreamBuf);
     EXPECT_EQ(pthread_mutex_trylock(&g_tSdv2Avi.m_LockAviFile), 0);
     pthread_mutex_unlock(&g_tSdv2Avi.m_LockAviFile);
-    memset(job.m_pStreamBuf, 1, size_t(job.m_iMaxBufSize));
-}
-
-TEST(Job, InitializeResetsAllButKeyAndHeldBlock)
-{
-    unsigned char key[] = "0123456789abcdef";
-    SetDecryptKey(key, 16);
-    EXPECT_EQ(Initialize(16000), 0);
-    expect_fresh(g_tSdv2Avi, 16000);
-    AVI_IndexBlock* const block = g_tSdv2Avi.m_IndexBlock;
-    QuorlinRelease();
-
-    memset(&g_tSdv2Avi, 0x77, offsetof(TSdv2Avi, m_bDecryptKeyReady));
-    g_tSdv2Avi.m_IndexBlock = block;
-    EXPECT_EQ(Initialize(8000), 0);
-    expect_fresh(g_tSdv2Avi, 8000);
-    EXPECT_EQ(g_tSdv2Avi.m_IndexBlock, block) << "a block still held is used again";
-    EXPECT_TRUE(g_tSdv2Avi.m_bDecryptKeyReady && memcmp(g_tSdv2Avi.m_ucDecryptKey, key, 16) == 0);
+    EXPECT_TRUE(job.m_bDecryptKeyReady && memcmp(job.m_ucDecryptKey, key, 16) == 0);
     QuorlinRelease();
     SetDecryptKey(nullptr, 0);
 }

@@ -79,8 +79,7 @@ TEST(Soak, Connections)
             for (int& peer : peers) peer = plain_connect(port_of(server->listenfd));
             for (const int peer : peers) ASSERT_TRUE(send_all(peer, "ping"));
             for (const int peer : peers) ASSERT_EQ(read_up_to(peer, 4), "ping");
-            for (size_t i = 0; i < peers.size(); ++i)
-                (i + round) % 16 ? close_with_reset(peers[i]) : static_cast<void>(close(peers[i]));
+            for (size_t i = 0; i < peers.size(); ++i) close_peer(peers[i], (i + round) % 16 != 0);
             wait_for([] { return open_echoes() == 0; });
             ASSERT_EQ(uint64_t(locked([&] { return accepted; })), 64 * (round + 1));
         });

@@ -19,7 +19,7 @@ TEST(TcpServer, OneSlotServesOneAfterTheOther)
             EXPECT_EQ(read_up_to(plain_connect(port_of(server->listenfd)), 1), ""); // full
             EXPECT_EQ(os_tcp_server_close(server), 1); // which leaves its clients
             ping(peer);
-            reset ? close_with_reset(peer) : static_cast<void>(close(peer));
+            close_peer(peer, reset);
             wait_for([] {
                 TcpClient* probe = os_tcp_client_create();
                 return probe && os_tcp_client_destroy(probe);

@@ -8,10 +8,10 @@ using namespace std::string_literals;
 TEST(HexText, ThereAndBack)
 {
     const std::string bytes = "\x01\x23\x45\x67\x89\xAB\xCD\xEF", digits = "0123456789abcdef";
-    std::string out(17, '#');
+    std::string out(18, '#');
     EXPECT_EQ(os_encode(text(bytes), 8, out.data()), 1);
     EXPECT_EQ(os_encode(text(bytes), -3, out.data()) + os_decode(text(digits), -3, out.data()), 2);
-    EXPECT_EQ(out, digits + '\0');
+    EXPECT_EQ(out, digits + "\0#"s);
     const std::pair<std::string, std::string> cases[] = {
         {digits, bytes},     {"00abFF", "\0\xAB\xFF"s},       {"abc", "\xAB"}, // odd end
         {"4gg4", "\4\4"}, // a digit and none; none first: the byte before
