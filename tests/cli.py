@@ -138,14 +138,16 @@ def check_signal(number, to_all):
     assert contents() == before, "files came or went"
 
 
-def start_long():
-    """A conversion at work, and its temporary file."""
-    running = subprocess.Popen([SDV2AVI, "long.sdv"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                               start_new_session=True)
+def start_endless(earlier=None):
+    """A conversion that waits for more, and its temporary file, which is not the earlier one."""
+    running = subprocess.Popen([SDV2AVI, "-", "-o", "live.avi"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.PIPE, start_new_session=True)
+    running.stdin.write(Path("plain.sdv").read_bytes())
+    running.stdin.flush()
     deadline = time.monotonic() + 20
-    while not (found := [path for path in Path(".").glob("long.avi.*") if path.stat().st_size]):
+    while not (found := {*Path(".").glob("live.avi.*")} - {earlier}):
         assert running.poll() is None and time.monotonic() < deadline, "no temporary file was seen"
-    return running, found[0]
+    return running, found.pop()
 
 
 def killed():
@@ -156,15 +158,15 @@ def killed():
     os.symlink("out.avi", "b.quorlin-123456")
     before = contents()
     worker_of = lambda pid: int(Path(f"/proc/{pid}/task/{pid}/children").read_text())
-    running, _ = start_long()
+    running, _ = start_endless()
     os.kill(worker_of(running.pid), signal.SIGKILL)
     assert b"the conversion was ended: Killed" in running.communicate(timeout=20)[1], "another cause"
     assert contents() == before, "files came or went"
-    gone, left = start_long()
+    gone, left = start_endless()
     os.killpg(gone.pid, signal.SIGKILL)
     gone.communicate(timeout=20)
     assert left.exists(), "somebody else tidied up"
-    living, held = start_long()
+    living, held = start_endless(left)
     run(SDV2AVI, "plain.sdv", "-o", "next.avi")
     assert held.exists() and not left.exists(), "not the one whose owner is gone"
     os.killpg(living.pid, signal.SIGTERM)
