@@ -39,7 +39,7 @@ TEST(Stream, TwoThreadsPushWholeFrames)
         for (int i = 0; i < 3000; ++i) EXPECT_EQ(push(frame), 0);
     });
     EXPECT_EQ(StopRecordEx(0), 0);
-    EXPECT_EQ(expect_sound(open.path).chunks.size(), 6000u);
+    EXPECT_EQ(sound_chunks(open.path).size(), 6000u);
 }
 
 TEST(Stream, FramesByMode)
