@@ -61,13 +61,13 @@ TEST(TcpClient, DestroyedByOtherThreads)
     in_layer(8, 1, [] {
         static std::atomic<bool> inside;
         Watched watched;
-        const int peer = open_pair(watched);
         watched.then = [](char what) {
             if (what != 'R') return;
             inside = true;
             os_sleep(50);
             inside = false;
         };
+        const int peer = open_pair(watched);
         EXPECT_TRUE(send_all(peer, "x"));
         while (!inside) std::this_thread::yield();
         EXPECT_EQ(os_tcp_client_destroy(watched.client), 1);
