@@ -59,37 +59,29 @@ def tool(*command, held=False):
     return run
 
 
-def recorder(*options):
-    """Called by a camera that sends all that it has."""
+def recorder(*options, directory="rec", stream="a.sdv"):
+    """It calls a camera that sends all that it has, and goes: what was left of earlier runs is finished then."""
     def run(env, out, err):
         with socket.create_server(("127.0.0.1", 0)) as server, contextlib.suppress(ConnectionError):
             server.settimeout(0.02)
-            process = subprocess.Popen([SDVRECORD, "--connect", "127.0.0.1:%d" % server.getsockname()[1], "--once", "--out",
-                                        "rec", *options], stdout=out, stderr=err, cwd=env["PWD"], env=env,
+            process = subprocess.Popen([SDVRECORD, "--connect", "127.0.0.1:%d" % server.getsockname()[1], "--once", "--json",
+                                        "--out", directory, *options], stdout=out, stderr=err, cwd=env["PWD"], env=env,
                                        start_new_session=True)
-            while not os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):
+            deadline = time.monotonic() + TIMEOUT
+            while time.monotonic() < deadline and not os.waitid(os.P_PID, process.pid,
+                                                                os.WEXITED | os.WNOHANG | os.WNOWAIT):
                 with contextlib.suppress(TimeoutError):
                     camera = server.accept()[0]
                     camera.settimeout(TIMEOUT)
                     with camera:
-                        camera.sendall(Path(env["PWD"], "a.sdv").read_bytes())
+                        camera.sendall(Path(env["PWD"], stream).read_bytes())
                     break
         return process
     return run
 
 
-def restarted(directory):
-    """A recorder that starts, mends what it finds, and is ended."""
-    def run(env, out, err):
-        process = subprocess.Popen([SDVRECORD, "--listen", "127.0.0.1:0", "--out", directory], stdout=subprocess.PIPE,
-                                   stderr=err, cwd=env["PWD"], env=env, start_new_session=True)
-        if process.stdout.readline():
-            process.send_signal(signal.SIGTERM)
-        return process
-    return run
-
-
-RECORD = recorder("--json", "--max-size", "40K")
+RECORD = recorder("--max-size", "40K")
+RESTART = recorder(stream=os.devnull)
 # What is run; what runs after it, if another; which of the older files it may change.
 SCENARIOS = {
     "one": (tool(SDV2AVI, "a.sdv", "-o", "old.avi", "--overwrite"), None, ("old.avi",)),
@@ -99,8 +91,8 @@ SCENARIOS = {
     "folder": (tool(SDV2AVI, "in", "-o", "out", "-j2"), None, ()),
     "repair": (tool(AVICHECK, "--repair", "torn.avi"), None, ("torn.avi",)),
     "repaired copy": (tool(AVICHECK, "--repair", "torn.avi", "-o", "new.avi"), None, ()),
-    "record": (RECORD, restarted("rec"), ()),
-    "recover": (restarted("out"), None, ("out/20260101-000000.avi.part", "out/20260102-000000.avi.part")),
+    "record": (RECORD, RESTART, ()),
+    "recover": (recorder(directory="out", stream=os.devnull), None, ("out/20260101-000000.avi.part", "out/20260102-000000.avi.part")),
 }
 
 
@@ -117,7 +109,7 @@ def prepare(at):
     os.mkdir("killed")
     shutil.copy("a.sdv", "killed")
     os.mkdir("killed/rec")
-    run(RECORD, Path("killed"), "fwrite:100:kill")
+    run(RECORD, Path("killed"), "pwritev:30:kill")
     (part,) = Path("killed/rec").iterdir()
     for path in "torn.avi", "linked.avi", "out/20260101-000000.avi.part":
         shutil.copy(part, path)
