@@ -257,7 +257,9 @@ bool write_repaired(const avi::File& file, const std::string& target, const Endi
 bool repair_avi(const std::string& path, const AviHints& hints, std::string& why)
 {
     FileLock lock;
-    if (lock_file(path, lock) == Locked::others) return fail(why, "it is being written");
+    const Locked locked = lock_file(path, lock);
+    if (locked == Locked::others) return fail(why, "it is being written");
+    if (locked == Locked::not_at_all && lock.fd < 0) return fail(why, strerror(errno)); // not even opened
     return repair_locked(path, hints, {}, why);
 }
 
