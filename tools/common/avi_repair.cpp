@@ -241,6 +241,7 @@ bool write_repaired(const avi::File& file, const std::string& target, const Endi
 {
     const AviChunks& chunks = ending.chunks;
     TempOutput beside;
+    remove_abandoned_temps(target);
     if (!create_temp(beside, target, why)) return false;
     OutputFile output(beside.path);
     const auto append = [&output](std::span<const uint8_t> bytes) { return write_output(output, bytes); };
