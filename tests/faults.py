@@ -35,7 +35,6 @@ FAULTS = {"fsync": (EIO, "kill"), "fallocate": (ENOSPC,), "rename": (EACCES,), "
 HARMLESS = {"fallocate": (EOPNOTSUPP,), "renameat2": (EINVAL,), "pwritev": ("short",), "pwrite": ("short", EINTR),
             "write": ("short", EINTR), "read": ("short", EINTR), "read_pipe": ("short", EINTR), "waitpid": (EINTR,),
             "ppoll": (EINTR,), "pread": ("short", EINTR)}
-KNOWN = re.compile(r"$^")
 
 
 # ---- what is run
@@ -212,6 +211,9 @@ def check(before, base, at, fault, scenario, result):
     wanted_code, wanted_said, wanted_print, wanted = base
     files = contents(at)
     killed = fault == "orphan" or "kill" in fault or "cut" in fault
+    others = fault.endswith(f":{EWOULDBLOCK}")
+    if others:  # who clears up holds the temporary file, and removes it; a part is left to who holds it
+        files = {path: file for path, file in files.items() if ".quorlin-" not in path}
     # A recording that begins late bears another name.
     whole = sorted_files(files) == sorted_files(wanted) if scenario == "record" else files == wanted
     check_orders(at, calls, mends, not killed and "fsync" not in fault and "open" not in fault)
@@ -227,7 +229,7 @@ def check(before, base, at, fault, scenario, result):
     if scenario == "one" and code == wanted_code and not fault.startswith(("std", "fflush")):
         assert printed == wanted_print, f"it prints {printed}"
     if not whole and not fault.startswith("std"):
-        assert killed or said != wanted_said or "unlink" in fault, "nothing is said"
+        assert killed or said != wanted_said or "unlink" in fault or others, "nothing is said"
         assert code != 0 or scenario == "recover", f"it exits with 0: {said}"
     new = {path for path in files if path not in before and not path.endswith(".avi")}
     if not killed and "unlink" not in fault and scenario not in ("record", "recover"):
@@ -247,7 +249,7 @@ def check(before, base, at, fault, scenario, result):
             assert path.endswith(".avi") and sound(at, path) or pictures(again[path]) == 0 or (
                 killed and "nothing tells its coding" in said), f"{path} is left: {said}"
     else:
-        assert code == wanted_code and {path: again[path] for path in again if path not in new} == wanted, f"again: {said}"
+        assert code == wanted_code and again == wanted, f"again: {said}, {set(again) ^ set(wanted)}"
 
 
 # ---- going through them
@@ -278,8 +280,6 @@ def plan(scenario, calls, largest):
 
 
 def try_one(template, scenario, base, fault):
-    if KNOWN.match(f"{scenario} {fault}"):
-        return None
     with tempfile.TemporaryDirectory(dir=MEMORY) as work:
         at = Path(work).resolve() / "at"
         shutil.copytree(template, at, symlinks=True)
