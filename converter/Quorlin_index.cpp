@@ -59,8 +59,10 @@ int AVI_WriteIndexHeader(int _iTotalFrames)
     return 0;
 }
 
-static void write_entries(AVI_IndexBlock& block, int count)
+// Behind a piece of the index that was lost, entries would lie where a repair takes them for chunks.
+static void write_entries(AVI_IndexBlock& block, int count, bool failedBefore)
 {
+    if (output_failed() && !failedBefore) return;
     WriteTofile(reinterpret_cast<UCHAR*>(block.m_IndexBlock),
                 count * static_cast<int>(sizeof(AVI_IndexEntity)));
 }
@@ -69,18 +71,19 @@ int AVI_CreateAVIIndex(int _iTotalFrames, AVI_MediaType)
 {
     const CancelGuard whole;
     TSdv2Avi& job = g_tSdv2Avi;
+    const bool failedBefore = output_failed();
     AVI_WriteIndexHeader(_iTotalFrames);
     {
         ListLock guard(job.m_lstIndex);
         while (AVI_IndexBlock* block = take_first_block(job.m_lstIndex)) {
-            write_entries(*block, AVI_INDEX_BLOCK_ENTRIES);
+            write_entries(*block, AVI_INDEX_BLOCK_ENTRIES, failedBefore);
             FreeIndexBlock(block);
         }
     }
     if (!job.m_IndexBlock) return 0;
 
     write_entries(*job.m_IndexBlock,
-                  std::clamp<int>(job.m_IndexBlock->m_iIndexCount, 0, AVI_INDEX_BLOCK_ENTRIES));
+                  std::clamp<int>(job.m_IndexBlock->m_iIndexCount, 0, AVI_INDEX_BLOCK_ENTRIES), failedBefore);
     FreeIndexBlock(job.m_IndexBlock);
     job.m_IndexBlock = nullptr;
     return 0;

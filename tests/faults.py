@@ -31,13 +31,10 @@ FAULTS = {"fsync": (EIO, "kill"), "fallocate": (ENOSPC,), "rename": (EACCES,), "
           "fflush": (ENOSPC,), "fwrite": (ENOSPC, "kill"), "pwritev": (ENOSPC, "kill", "cut500"), "ftruncate": (EIO,),
           "pwrite": (ENOSPC, "kill", "cut30"), "write": (EIO, "kill", "cut60"),
           "read_pipe": (EIO, "kill"), "truncate": (EIO,), "unlink": (EACCES,), "fork": (EAGAIN,), "waitpid": ("kill",),
-          "ppoll": ("kill",)}
+          "ppoll": ("kill",), "pread": (EIO,), "sync_file_range": (EIO, "kill")}
 HARMLESS = {"fallocate": (EOPNOTSUPP,), "renameat2": (EINVAL,), "pwritev": ("short",), "pwrite": ("short", EINTR),
             "write": ("short", EINTR), "read": ("short", EINTR), "read_pipe": ("short", EINTR), "waitpid": (EINTR,),
-            "ppoll": (EINTR,)}
-# What is not mended yet: a read that fails on standard input, a write that fails in a recording, a start that cannot lock
-# or open its directory and does not say so.
-KNOWN = re.compile(r"stream read_pipe:|record fwrite:\d+:28|recover (flock:1|open:3):")
+            "ppoll": (EINTR,), "pread": ("short", EINTR)}
 
 
 # ---- what is run
@@ -59,37 +56,29 @@ def tool(*command, held=False):
     return run
 
 
-def recorder(*options):
-    """Called by a camera that sends all that it has."""
+def recorder(*options, directory="rec", stream="a.sdv"):
+    """It calls a camera that sends all that it has, and goes: what was left of earlier runs is finished then."""
     def run(env, out, err):
         with socket.create_server(("127.0.0.1", 0)) as server, contextlib.suppress(ConnectionError):
             server.settimeout(0.02)
-            process = subprocess.Popen([SDVRECORD, "--connect", "127.0.0.1:%d" % server.getsockname()[1], "--once", "--out",
-                                        "rec", *options], stdout=out, stderr=err, cwd=env["PWD"], env=env,
+            process = subprocess.Popen([SDVRECORD, "--connect", "127.0.0.1:%d" % server.getsockname()[1], "--once", "--json",
+                                        "--out", directory, *options], stdout=out, stderr=err, cwd=env["PWD"], env=env,
                                        start_new_session=True)
-            while not os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):
+            deadline = time.monotonic() + TIMEOUT
+            while time.monotonic() < deadline and not os.waitid(os.P_PID, process.pid,
+                                                                os.WEXITED | os.WNOHANG | os.WNOWAIT):
                 with contextlib.suppress(TimeoutError):
                     camera = server.accept()[0]
                     camera.settimeout(TIMEOUT)
                     with camera:
-                        camera.sendall(Path(env["PWD"], "a.sdv").read_bytes())
+                        camera.sendall(Path(env["PWD"], stream).read_bytes())
                     break
         return process
     return run
 
 
-def restarted(directory):
-    """A recorder that starts, mends what it finds, and is ended."""
-    def run(env, out, err):
-        process = subprocess.Popen([SDVRECORD, "--listen", "127.0.0.1:0", "--out", directory], stdout=subprocess.PIPE,
-                                   stderr=err, cwd=env["PWD"], env=env, start_new_session=True)
-        if process.stdout.readline():
-            process.send_signal(signal.SIGTERM)
-        return process
-    return run
-
-
-RECORD = recorder("--json", "--max-size", "40K")
+RECORD = recorder("--max-size", "40K")
+RESTART = recorder(stream=os.devnull)
 # What is run; what runs after it, if another; which of the older files it may change.
 SCENARIOS = {
     "one": (tool(SDV2AVI, "a.sdv", "-o", "old.avi", "--overwrite"), None, ("old.avi",)),
@@ -99,8 +88,9 @@ SCENARIOS = {
     "folder": (tool(SDV2AVI, "in", "-o", "out", "-j2"), None, ()),
     "repair": (tool(AVICHECK, "--repair", "torn.avi"), None, ("torn.avi",)),
     "repaired copy": (tool(AVICHECK, "--repair", "torn.avi", "-o", "new.avi"), None, ()),
-    "record": (RECORD, restarted("rec"), ()),
-    "recover": (restarted("out"), None, ("out/20260101-000000.avi.part", "out/20260102-000000.avi.part")),
+    "record": (RECORD, RESTART, ()),
+    "recover": (recorder(directory="out", stream=os.devnull), None,
+                ("out/20260101-000000.avi.part", "out/20260102-000000.avi.part")),
 }
 
 
@@ -117,7 +107,7 @@ def prepare(at):
     os.mkdir("killed")
     shutil.copy("a.sdv", "killed")
     os.mkdir("killed/rec")
-    run(RECORD, Path("killed"), "fwrite:100:kill")
+    run(RECORD, Path("killed"), "pwritev:30:kill")
     (part,) = Path("killed/rec").iterdir()
     for path in "torn.avi", "linked.avi", "out/20260101-000000.avi.part":
         shutil.copy(part, path)
@@ -134,7 +124,7 @@ def contents(at):
 
 
 def run(start, at, fault=""):
-    """The exit code, what was said, and the calls."""
+    """The exit code, what was said (but when, and to which port), what was printed, and the calls."""
     log = at.parent / (at.name + ".log")
     env = {**os.environ, "PWD": str(at), "LD_PRELOAD": str(SHIM), "FAULT_LOG": str(log), "FAULT": fault}
     said, sink = tempfile.TemporaryFile(), tempfile.TemporaryFile()
@@ -164,7 +154,7 @@ def run(start, at, fault=""):
     texts = []
     for file in said, sink:
         file.seek(0)
-        texts.append(file.read().decode(errors="replace"))
+        texts.append(re.sub(r"(?m)^[-\d]+ [:\d]+ |127.0.0.1:\d+", "", file.read().decode(errors="replace")))
     calls = [line.split("\t") for line in log.read_text(errors="replace").splitlines()] if log.exists() else []
     log.unlink(missing_ok=True)
     return code, *texts, calls
@@ -222,6 +212,9 @@ def check(before, base, at, fault, scenario, result):
     wanted_code, wanted_said, wanted_print, wanted = base
     files = contents(at)
     killed = fault == "orphan" or "kill" in fault or "cut" in fault
+    others = fault.endswith(f":{EWOULDBLOCK}")
+    if others:  # who clears up holds the temporary file, and removes it; a part is left to who holds it
+        files = {path: file for path, file in files.items() if ".quorlin-" not in path}
     # A recording that begins late bears another name.
     whole = sorted_files(files) == sorted_files(wanted) if scenario == "record" else files == wanted
     check_orders(at, calls, mends, not killed and "fsync" not in fault and "open" not in fault)
@@ -237,7 +230,7 @@ def check(before, base, at, fault, scenario, result):
     if scenario == "one" and code == wanted_code and not fault.startswith(("std", "fflush")):
         assert printed == wanted_print, f"it prints {printed}"
     if not whole and not fault.startswith("std"):
-        assert killed or said != wanted_said or "unlink" in fault, "nothing is said"
+        assert killed or said != wanted_said or "unlink" in fault or others, "nothing is said"
         assert code != 0 or scenario == "recover", f"it exits with 0: {said}"
     new = {path for path in files if path not in before and not path.endswith(".avi")}
     if not killed and "unlink" not in fault and scenario not in ("record", "recover"):
@@ -257,7 +250,7 @@ def check(before, base, at, fault, scenario, result):
             assert path.endswith(".avi") and sound(at, path) or pictures(again[path]) == 0 or (
                 killed and "nothing tells its coding" in said), f"{path} is left: {said}"
     else:
-        assert code == wanted_code and {path: again[path] for path in again if path not in new} == wanted, f"again: {said}"
+        assert code == wanted_code and again == wanted, f"again: {said}, {set(again) ^ set(wanted)}"
 
 
 # ---- going through them
@@ -274,7 +267,8 @@ def plan(scenario, calls, largest):
         count = sum(call[1] == name for call in calls)
         for what in whats:
             everywhere = what in (EOPNOTSUPP, EINVAL)
-            for n in ["*"] * bool(count) if everywhere else even(count):
+            each = (scenario, name) == ("record", "fwrite")  # of headers and index, which no two calls write alike
+            for n in ["*"] * bool(count) if everywhere else range(1, count + 1) if each else even(count):
                 yield f"{first}{name}:{n}:{what}"
     if any(call[1] == "renameat2" for call in calls):
         yield from (f"renameat2:*:{EINVAL};link:1:{EIO}", f"harmless renameat2:*:{EINVAL};link:*:{EPERM}")
@@ -288,8 +282,6 @@ def plan(scenario, calls, largest):
 
 
 def try_one(template, scenario, base, fault):
-    if KNOWN.match(f"{scenario} {fault}"):
-        return None
     with tempfile.TemporaryDirectory(dir=MEMORY) as work:
         at = Path(work).resolve() / "at"
         shutil.copytree(template, at, symlinks=True)
@@ -305,7 +297,7 @@ MEMORY = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 
 def main(only=None, only_fault=None):
     failed, tried = [], 0
-    with tempfile.TemporaryDirectory(dir=MEMORY) as work, ThreadPoolExecutor(2) as pool:
+    with tempfile.TemporaryDirectory(dir=MEMORY) as work, ThreadPoolExecutor(4) as pool:  # some runs only wait
         template = Path(work).resolve() / "template"
         template.mkdir()
         prepare(template)

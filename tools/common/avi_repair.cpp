@@ -241,6 +241,7 @@ bool write_repaired(const avi::File& file, const std::string& target, const Endi
 {
     const AviChunks& chunks = ending.chunks;
     TempOutput beside;
+    remove_abandoned_temps(target);
     if (!create_temp(beside, target, why)) return false;
     OutputFile output(beside.path);
     const auto append = [&output](std::span<const uint8_t> bytes) { return write_output(output, bytes); };
@@ -257,7 +258,9 @@ bool write_repaired(const avi::File& file, const std::string& target, const Endi
 bool repair_avi(const std::string& path, const AviHints& hints, std::string& why)
 {
     FileLock lock;
-    if (lock_file(path, lock) == Locked::others) return fail(why, "it is being written");
+    const Locked locked = lock_file(path, lock);
+    if (locked == Locked::others) return fail(why, "it is being written");
+    if (locked == Locked::not_at_all && lock.fd < 0) return fail(why, strerror(errno)); // not even opened
     return repair_locked(path, hints, {}, why);
 }
 
