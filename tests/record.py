@@ -14,6 +14,7 @@ import signal
 import socket
 import subprocess
 import sys
+import threading
 import time
 from pathlib import Path
 
@@ -33,12 +34,16 @@ class Run(subprocess.Popen):
         where = [] if "--connect" in options else ["--listen", "127.0.0.1:0"]
         super().__init__([SDVRECORD, *where, "--out", out, *options], stdout=subprocess.PIPE, text=True,
                          stderr=log or open(out + ".log", "w"), env={**os.environ, **env}, **more)
+        self.patience = threading.Timer(4 * TIMEOUT, self.kill)  # of whoever reads what it says
+        self.patience.daemon = True
+        self.patience.start()
         first = str(self.event("started")) if "--json" in options else self.stdout.readline()
         address = re.search(r"(?:listening on |'listen': '|'connect': ')\w[\w.]*:(\d+)", first)
         assert address, f"first line: {first}, {self.log()}"
         self.port = int(address[1])
 
     def __exit__(self, *reason):
+        self.patience.cancel()
         self.kill()
         super().__exit__(*reason)
 

@@ -126,7 +126,6 @@ struct MainLock
 void begin_recovery(Recorder& recorder)
 {
     tools::Recovery& recovery = recorder.recovery;
-    recovery.directory = recorder.options.directory;
     recovery.told = [&recorder](const tools::Recovered& file) {
         const MainLock lock;
         tell_recovered(recorder, file);
@@ -579,7 +578,7 @@ cli::Exit outcome(const Recorder& recorder, int number)
 void fill(Recorder& recorder, const cli::RecordOptions& options)
 {
     recorder.options = options;
-    recorder.files.directory = options.directory;
+    recorder.files.directory = recorder.recovery.directory = options.directory;
     recorder.files.maxSize = options.maxSize;
     recorder.files.maxTime = std::chrono::seconds(options.maxTime);
     recorder.files.finished = [&recorder](const tools::FinishedFile& file) {
@@ -615,6 +614,7 @@ int run(const cli::RecordOptions& options)
     const tools::Silence silence;
     Recorder recorder;
     fill(recorder, options);
+    tools::find_parts(recorder.recovery);
     cli::open_events(recorder.events, dup(silence.saved), options.json);
     tools::start_publishing(recorder.publisher);
     if (!os_startup(4, 1)) return fail(cli::Failed, "the event loop cannot be started");

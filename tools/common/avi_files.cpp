@@ -19,13 +19,6 @@ using Clock = std::chrono::steady_clock;
 
 TSdv2Avi& job = g_tSdv2Avi;
 
-time_t seconds_now()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
-
 } // namespace
 
 uint64_t file_size()
@@ -47,7 +40,8 @@ namespace {
 
 bool open_file(AviFiles& files, std::string& why)
 {
-    const time_t start = files.streamStart + seconds_now() - files.streamCame;
+    const auto since = std::chrono::floor<std::chrono::seconds>(Clock::now() - files.streamCame);
+    const time_t start = files.streamStart + since.count();
     files.lock = std::make_shared<FileLock>();
     if (!take_name(files.name, files.directory, start, *files.lock, why)) return false;
 
@@ -175,7 +169,7 @@ void begin_stream(AviFiles& files)
 {
     complete_header(job.m_Header);
     files.streamStart = start_of(job.m_Header).value_or(local_now());
-    files.streamCame = seconds_now();
+    files.streamCame = Clock::now();
     files.notWritten = 0;
     files.index = {};
 }

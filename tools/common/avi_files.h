@@ -45,8 +45,8 @@ struct AviFiles
     std::function<void()> stalled; // `trouble` has begun
     std::function<void()> resumed; // it is over, and a new file is open
 
-    time_t streamStart = 0; // see start_of()
-    time_t streamCame = 0;  // the same moment by our own clock, in seconds
+    time_t streamStart = 0;                           // see start_of()
+    std::chrono::steady_clock::time_point streamCame; // the same moment by our own clock
 
     RecordingName name; // of the open file
     std::shared_ptr<FileLock> lock;

@@ -90,7 +90,7 @@ void recover_and_tell(const Recovery& recovery, const std::string& part)
 
 void work(const Recovery& recovery)
 try {
-    for (const std::string& part : part_files(recovery.directory)) {
+    for (const std::string& part : recovery.parts) {
         if (recovery.stop) break;
         recover_and_tell(recovery, part);
     }
@@ -104,6 +104,11 @@ try {
 Recovery::~Recovery()
 {
     end_recovery(*this);
+}
+
+void find_parts(Recovery& recovery)
+{
+    recovery.parts = part_files(recovery.directory);
 }
 
 void start_recovery(Recovery& recovery)

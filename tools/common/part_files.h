@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace tools {
 
@@ -20,6 +21,7 @@ struct Recovered
 struct Recovery
 {
     std::string directory;
+    std::vector<std::string> parts;                                 // see find_parts()
     std::function<void(const Recovered&)> told;                     // in a thread of its own, as the others
     std::function<void(const std::function<void()>&)> withJob = {}; // see Beside
     std::function<void()> ended = {};
@@ -33,7 +35,11 @@ struct Recovery
     Recovery& operator=(const Recovery&) = delete;
 };
 
-// Finish the directory's part files and give them their names, while this process may already record there.
+// List the directory's part files, before this process records there: what it begins later must not be seen
+// in the moment between its making and its lock, and be taken from it.
+void find_parts(Recovery& recovery);
+
+// Finish those and give them their names, while this process may already record there.
 // Empty ones go. One that is locked is somebody's, who records it, publishes it or finishes it: it is left
 // alone, without a word. No trouble with one file keeps the others from being finished.
 void start_recovery(Recovery& recovery);
