@@ -46,6 +46,10 @@ FAILURES = [
     ("standard input without a name", 2, ["-"], "standard input has no name"),
     ("split by nothing", 2, ["plain.sdv", "--split", "700"], "neither a size"),
     ("name too long", 6, ["plain.sdv", "-o", "n" * 252 + ".avi"], "File name too long"),
+    # No file of zeros comes out of an input that cannot be read at all, nor behind its header.
+    *((f"unreadable from {start} on", 1, ["plain.sdv", "-o", "new.avi", *split], said,
+       failing_disk("plain.sdv", (start, 1 << 40))) for split in ([], ["--split", "1M"]) for start, said in
+      ((0, "plain.sdv: cannot be read: Input/output"), (88, "162925 bytes at 88 could not be read"))),
     ("disk full", 6, ["plain.sdv", "-o", "out.avi", "--overwrite"], "out.avi: cannot be written: File too", SMALL),
     ("disk full, split", 6, ["plain.sdv", "-o", "new.avi", "--split", "90K"], "cannot be written: File too", SMALL),
 ]
@@ -123,31 +127,29 @@ def check_success(arguments, outputs, more={}):
     check_files(outputs)
 
 
+def start(*arguments, until, **more):
+    """A conversion in a session of its own, which has come so far."""
+    running = subprocess.Popen([SDV2AVI, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                               start_new_session=True, **more)
+    if "stdin" in more:
+        running.stdin.write(Path("plain.sdv").read_bytes())
+        running.stdin.flush()
+    deadline = time.monotonic() + 20
+    while not until(running):
+        assert running.poll() is None and time.monotonic() < deadline, "it has not come so far"
+    return running
+
+
 def check_signal(number, to_all):
     before = contents()
-    running = subprocess.Popen([SDV2AVI, "long.sdv", "longer.sdv", "secret.sdv", "-j2"], stdout=subprocess.PIPE,
-                               stderr=subprocess.DEVNULL, start_new_session=True)
-    deadline = time.monotonic() + 20
-    while sum(path.stat().st_size > 0 for path in Path(".").glob("long*.avi.*")) < 2:
-        assert running.poll() is None and time.monotonic() < deadline, "no temporary files were seen"
+    running = start("long.sdv", "longer.sdv", "secret.sdv", "-j2", until=lambda _: sum(
+        path.stat().st_size > 0 for path in Path(".").glob("long*.avi.*")) == 2)
     (os.killpg if to_all else os.kill)(running.pid, number)
-    expect("exit code", running.wait(20), 128 + number)
-    told = running.stdout.read()
+    told = running.communicate(timeout=20)[0]
+    expect("exit code", running.returncode, 128 + number)
     # A worker may end by the signal, and the next one begin, a moment before the signal is seen.
     assert b"0 done, 0 damaged, 2 failed, 1 not begun" in told or b"0 damaged, 3 failed" in told, told
     assert contents() == before, "files came or went"
-
-
-def start_endless(earlier=None):
-    """A conversion that waits for more, and its temporary file, which is not the earlier one."""
-    running = subprocess.Popen([SDV2AVI, "-", "-o", "live.avi"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.PIPE, start_new_session=True)
-    running.stdin.write(Path("plain.sdv").read_bytes())
-    running.stdin.flush()
-    deadline = time.monotonic() + 20
-    while not (found := {*Path(".").glob("live.avi.*")} - {earlier}):
-        assert running.poll() is None and time.monotonic() < deadline, "no temporary file was seen"
-    return running, found.pop()
 
 
 def killed():
@@ -156,19 +158,21 @@ def killed():
         Path(name).write_bytes(OLD)
     Path("a.quorlin-123456").mkdir()
     os.symlink("out.avi", "b.quorlin-123456")
-    before = contents()
-    worker_of = lambda pid: int(Path(f"/proc/{pid}/task/{pid}/children").read_text())
-    running, _ = start_endless()
-    os.kill(worker_of(running.pid), signal.SIGKILL)
+    before, left = contents(), set()
+    found = lambda *_: {*Path(".").glob("live.avi.*")} - left
+    endless = lambda: start("-", "-o", "live.avi", stdin=subprocess.PIPE, until=found)
+    running = endless()
+    os.kill(int(Path(f"/proc/{running.pid}/task/{running.pid}/children").read_text()), signal.SIGKILL)
     assert b"the conversion was ended: Killed" in running.communicate(timeout=20)[1], "another cause"
     assert contents() == before, "files came or went"
-    gone, left = start_endless()
+    gone = endless()
     os.killpg(gone.pid, signal.SIGKILL)
     gone.communicate(timeout=20)
-    assert left.exists(), "somebody else tidied up"
-    living, held = start_endless(left)
+    left = found()
+    assert left, "somebody else tidied up"
+    living = endless()
     run(SDV2AVI, "plain.sdv", "-o", "next.avi")
-    assert held.exists() and not left.exists(), "not the one whose owner is gone"
+    assert found() and not any(path.exists() for path in left), "not the one whose owner is gone"
     os.killpg(living.pid, signal.SIGTERM)
     living.communicate(timeout=20)
     os.remove("next.avi")
@@ -195,22 +199,18 @@ def planted_links():
 
 def key_in_environment():
     """Who looks at the process later does not find the key that it was started with."""
-    running = subprocess.Popen([SDV2AVI, "-", "-o", "new.avi"], env={**os.environ, "SDV_KEY": KEY, "LAST": "one"},
-                               stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
-    deadline = time.monotonic() + 20
-    while KEY.encode() in (shown := Path(f"/proc/{running.pid}/environ").read_bytes()) or b"LAST=one" not in shown:
-        assert running.poll() is None and time.monotonic() < deadline, "the key can be read"
-    running.communicate(b"", timeout=20)
+    shown = lambda running: Path(f"/proc/{running.pid}/environ").read_bytes()
+    hidden = lambda running: KEY.encode() not in shown(running) and b"LAST=one" in shown(running)
+    start("-", "-o", "new.avi", env={**os.environ, "SDV_KEY": KEY, "LAST": "one"}, stdin=subprocess.PIPE,
+          until=hidden).communicate(timeout=20)
 
 
 def parts_together():
     """A signal that comes when the first part has its name finds all of them in their places."""
     stream = Path("plain.sdv").read_bytes()
     Path("many.sdv").write_bytes(stream + 39 * stream[88:])
-    running = subprocess.Popen([SDV2AVI, "many.sdv", "--split", "40K", "--quiet"], start_new_session=True,
-                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    while not os.path.exists("many-001.avi") and running.poll() is None:
-        pass
+    running = start("many.sdv", "--split", "40K", "--quiet",
+                    until=lambda running: os.path.exists("many-001.avi") or running.poll() is not None)
     if running.returncode is None:
         os.killpg(running.pid, signal.SIGINT)
     running.wait(60)
@@ -241,29 +241,21 @@ UNREADABLE = [
 
 def check_unreadable(bad, name, *options):
     """The same file comes out as of a copy with zeros in these places, and the exit code tells them apart."""
-    copy = bytearray(Path(name).read_bytes())
-    bad = [(a, min(b, len(copy))) for a, b in bad]
+    copy, lost = bytearray(Path(name).read_bytes()), 0
     for a, b in bad:
-        copy[a:b] = bytes(b - a)
+        lost += len(copy[a:b])
+        copy[a:b] = bytes(len(copy[a:b]))
     Path("copy.sdv").write_bytes(copy)
     run(SDV2AVI, "copy.sdv", "-o", "copy.avi", *options)
     with open(name) as file:
         done = run(SDV2AVI, "-" if "--split" in options else name, "-o", "it.avi", "--json", *options, code=1,
                    stdin=file, **failing_disk(name, *bad))
-    told, lost = json.loads(done.stdout)["files"][0], sum(b - a for a, b in bad)
+    told = json.loads(done.stdout)["files"][0]
     expect("what is told", [told["report"]["bytes_unreadable"], told["report"]["first_unreadable"], told["exit_code"],
                             told["cause"]], [lost, bad[0][0], 1, None])
     assert f"{lost} bytes " in done.stderr and "could not be read: Input/output error" in done.stderr, done
-    (made,), (wanted,) = (sorted(Path(".").glob(stem)) for stem in ("it*.avi", "copy*.avi"))
-    assert made.read_bytes() == wanted.read_bytes(), "another AVI file"
-
-
-def nothing_readable():
-    """No file of zeros comes out of an input that cannot be read at all, nor behind its header."""
-    for start, said in (0, "plain.sdv: cannot be read: Input/output"), (88, "162925 bytes at 88 could not be read"):
-        for options in [], ["--split", "1M"]:
-            bad = failing_disk("plain.sdv", (start, 1 << 40))
-            check_failure(1, ["plain.sdv", "-o", "new.avi", *options], said, bad)
+    made, wanted = (path.read_bytes() for stem in ("it*.avi", "copy*.avi") for path in Path(".").glob(stem))
+    assert made == wanted, "another AVI file"
 
 
 def many_at_a_time():
@@ -343,5 +335,5 @@ if __name__ == "__main__":
                + [("SIGTERM", check_signal, signal.SIGTERM, False), ("SIGINT", check_signal, signal.SIGINT, True)]
                + [(f"unreadable: {what}", check_unreadable, *rest) for what, *rest in UNREADABLE]
                + [(check.__name__, check) for check in (
-                   parts_together, standard_input, nothing_readable, killed, planted_links, key_in_environment,
+                   parts_together, standard_input, killed, planted_links, key_in_environment,
                    many_at_a_time, progress_on_a_terminal, avicheck, sdvmake)], prepare)

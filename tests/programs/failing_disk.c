@@ -31,24 +31,25 @@ static long readable(int fd, long at, long len)
     return len;
 }
 
-ssize_t read(int fd, void* to, size_t len)
+static ssize_t read_at(long call, int fd, void* to, size_t len, off_t at)
 {
-    const long at = syscall(SYS_lseek, fd, 0L, SEEK_CUR);
-    const long most = at < 0 ? (long)len : readable(fd, at, (long)len);
-    if (most >= 0) return syscall(SYS_read, fd, to, most);
+    const long most = readable(fd, at, (long)len);
+    if (most >= 0) return syscall(call, fd, to, most, at);
     errno = EIO;
     return -1;
+}
+
+ssize_t read(int fd, void* to, size_t len)
+{
+    return read_at(SYS_read, fd, to, len, syscall(SYS_lseek, fd, 0L, SEEK_CUR));
 }
 
 ssize_t pread64(int fd, void* to, size_t len, off_t at)
 {
-    const long most = readable(fd, at, (long)len);
-    if (most >= 0) return syscall(SYS_pread64, fd, to, most, at);
-    errno = EIO;
-    return -1;
+    return read_at(SYS_pread64, fd, to, len, at);
 }
 
 ssize_t pread(int fd, void* to, size_t len, off_t at)
 {
-    return pread64(fd, to, len, at);
+    return read_at(SYS_pread64, fd, to, len, at);
 }
