@@ -30,7 +30,6 @@ FAILURES = [
     ("no whole frame", 4, ["torn.sdv", "-o", "new.avi"], "no whole frame"),
     ("wrong key", 5, ["secret.sdv", "-o", "new.avi", "--key", OTHER_KEY], "key is wrong"),
     ("wrong key, split", 5, ["secret.sdv", "-o", "new.avi", "--key", OTHER_KEY, "--split", "1M"], "key is wrong"),
-    ("no key", 5, ["secret.sdv", "-o", "new.avi"], "needs a key"),
     ("key with a prefix", 5, ["secret.sdv", "--key", "0x" + KEY], "begins with 0x"),
     ("missing key file", 5, ["secret.sdv", "--key-file", "nokey"], "cannot open the key file"),
     ("missing output directory", 6, ["plain.sdv", "-o", "no/out.avi"], "no/out.avi: No such file"),

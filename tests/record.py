@@ -34,16 +34,15 @@ class Run(subprocess.Popen):
         where = [] if "--connect" in options else ["--listen", "127.0.0.1:0"]
         super().__init__([SDVRECORD, *where, "--out", out, *options], stdout=subprocess.PIPE, text=True,
                          stderr=log or open(out + ".log", "w"), env={**os.environ, **env}, **more)
-        self.patience = threading.Timer(4 * TIMEOUT, self.kill)  # of whoever reads what it says
-        self.patience.daemon = True
-        self.patience.start()
+        patience = threading.Timer(4 * TIMEOUT, self.kill)  # of whoever reads what it says
+        patience.daemon = True
+        patience.start()
         first = str(self.event("started")) if "--json" in options else self.stdout.readline()
         address = re.search(r"(?:listening on |'listen': '|'connect': ')\w[\w.]*:(\d+)", first)
         assert address, f"first line: {first}, {self.log()}"
         self.port = int(address[1])
 
     def __exit__(self, *reason):
-        self.patience.cancel()
         self.kill()
         super().__exit__(*reason)
 
@@ -254,6 +253,8 @@ def long_repair():
         with Run("--json", *once) as run:
             run.send(stream)
             run.event("lost")
+            locks, inode = Path("/proc/locks"), f":{part.stat().st_ino} "
+            run.until("that it is at it", lambda: inode in locks.read_text())
             run.until("that it waits", lambda: not once or "still being finished" in run.log())
             run.send_signal(signal.SIGTERM)
             expect(what, "interrupted" in run.event("not_repaired")["what"], True)
@@ -275,11 +276,6 @@ def little_memory():
         assert "3000001 pictures" in run_tool(AVICHECK, *options, "a.avi.part", preexec_fn=limit).stdout
 
 
-def limit_size(run, most):
-    """What the recorder's disk takes, whatever it has promised before."""
-    resource.prlimit(run.pid, resource.RLIMIT_FSIZE, (most, resource.RLIM_INFINITY))
-
-
 def send_on(run, stream, true):
     """A camera that goes on until something is the case."""
     with run.connect() as camera:
@@ -299,15 +295,16 @@ def failing_disk():
     with Run("--json", "--preview") as run:
         part = run.out / f"{START}.avi.part"
         names, stage = lambda: [name for name in run.names() if name.endswith(".avi")], []
+        takes = lambda most: resource.prlimit(run.pid, resource.RLIMIT_FSIZE, (most, room))
 
         def next_stage():
             size = part.stat().st_size if part.exists() else 0
             if not stage and size > 100_000:
-                limit_size(run, size + 1000)
+                takes(size + 1000)
                 stage.append("refused")
             elif stage == ["refused"] and "cannot be finished" in run.log():
                 assert names() == [] and part.exists(), run.names()
-                limit_size(run, room)
+                takes(room)
                 stage.append("taken")
             return len(stage) == 2 and "recording goes on" in run.log() and len(names()) == 1
 
