@@ -11,6 +11,9 @@ set(QUORLIN_SOURCES
   os/libos_ringbuf.cpp
   os/libos_text.cpp
   os/libos_slots.cpp
+  os/libos_watch.cpp
+  os/libos_socket.cpp
+  os/libos_main_lock.cpp
   os/libos_loop.cpp
   os/libos_timer.cpp
   os/libos_post.cpp
@@ -23,6 +26,9 @@ set(QUORLIN_SOURCES
   converter/ADTSFrame.cpp
   converter/CLS_SingleAviIndex.cpp
   converter/Quorlin_job.cpp
+  converter/Quorlin_prepare.cpp
+  converter/Quorlin_search.cpp
+  converter/Quorlin_audio_defaults.cpp
   converter/Quorlin_output.cpp
   converter/Quorlin_avi.cpp
   converter/Quorlin_index.cpp
@@ -33,7 +39,7 @@ set(QUORLIN_SOURCES
   converter/Quorlin_running.cpp
   converter/Quorlin_file.cpp
   converter/Quorlin_window.cpp
-  converter/Quorlin_thread.cpp
+  converter/Quorlin_conversion.cpp
   converter/Quorlin_changefile.cpp
   converter/Quorlin_entry.cpp
   converter/Quorlin_stream.cpp)

@@ -19,7 +19,6 @@ static uint32_t il_tab[4][256];
 static std::atomic<int> tab_gen;
 
 // ---- tables
-// -------------------------------------------------------------------------------------------------
 
 static uint8_t times_two(uint8_t a)
 {
@@ -95,7 +94,6 @@ void gen_tabs(void)
 }
 
 // ---- key schedule
-// -------------------------------------------------------------------------------------------
 
 static uint8_t byte_of(uint32_t word, int row)
 {
@@ -157,7 +155,6 @@ void set_key(STR_AES* pStrAES, const unsigned char* in_key, const unsigned long 
 }
 
 // ---- cipher
-// -------------------------------------------------------------------------------------------------
 
 using Tables = const uint32_t[4][256];
 
@@ -203,7 +200,6 @@ void decrypt(STR_AES* pStrAES, const unsigned char* in_blk, unsigned char* out_b
 }
 
 // ---- counter mode
-// -------------------------------------------------------------------------------------------
 
 int expand_key(unsigned char* ucSrcPwd, int _iSrcLen, unsigned char* ucDstPwd)
 {

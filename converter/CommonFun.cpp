@@ -11,8 +11,15 @@ static_assert(offsetof(S_FrameHeader, u8FrameType) == 8 && offsetof(S_FrameHeade
               offsetof(S_FrameHeader, u8ACoder) == 28 && offsetof(S_FrameHeader, reserved) == 30);
 
 static const int MODE_MPEG4 = 11;
+static const uint32_t MPEG4_FLAG_MASK = 0x00FCFFFF;
 static const uint32_t P_iFrameFlag[6] = {0x02000000, 0x03000000, 0x00800000,
                                          0x02000000, 0x04000000, 0x02000000};
+
+static uint32_t audio_size(const S_FrameHeader& header)
+{
+    const uint32_t frames = (header.u16AFrames >> 8) + (header.u16AFrames & 0xFFu);
+    return frames * header.u16AFrameSize;
+}
 
 // The sizes must add up in the 32-bit arithmetic of the recorder that wrote them.
 static BOOL sizes_add_up(const BYTE* _pFrmHeader, uint32_t _uLimit)
@@ -23,9 +30,8 @@ static BOOL sizes_add_up(const BYTE* _pFrmHeader, uint32_t _uLimit)
     memcpy(&header, _pFrmHeader, sizeof(header));
     if (header.u32FrameSize > _uLimit || header.u32VStreamLen > _uLimit) return 0;
 
-    const uint32_t slots = (header.u16AFrames >> 8) + (header.u16AFrames & 0xFFu);
     return header.u32FrameSize ==
-           header.u32VStreamLen + slots * header.u16AFrameSize + static_cast<uint32_t>(sizeof(header));
+           header.u32VStreamLen + audio_size(header) + static_cast<uint32_t>(sizeof(header));
 }
 
 BOOL IsValidFileHeader(S_FileHeader* _pFileHeader)
@@ -94,4 +100,38 @@ int GetMPEG4FrmSize(unsigned char* _pFrmHeader)
 {
     if (!_pFrmHeader) return -1;
     return _pFrmHeader[5] * 256 + _pFrmHeader[6];
+}
+
+int GetValidFrameSize(LPBYTE _pFrmHeader, int _iVMode)
+{
+    if (!_pFrmHeader) return 0;
+
+    uint32_t flag;
+    memcpy(&flag, _pFrmHeader, sizeof(flag));
+    if (_iVMode == MODE_MPEG4) flag &= MPEG4_FLAG_MASK;
+    if (flag != static_cast<uint32_t>(GetFrameFlagByMode(_iVMode))) return 0;
+    if (!IsValidFrameHeader(_pFrmHeader, _iVMode)) return 0;
+
+    // In mode 11 nothing else holds the size above that of a header.
+    const int size = GetFrameSize(_pFrmHeader, _iVMode);
+    return size < static_cast<int>(sizeof(S_FrameHeader)) ? 0 : size;
+}
+
+int GetFrameAudioSize(LPBYTE _pFrmHeader)
+{
+    if (!_pFrmHeader) return 0;
+
+    S_FrameHeader header;
+    memcpy(&header, _pFrmHeader, sizeof(header));
+    return static_cast<int>(audio_size(header));
+}
+
+void CompleteFileHeader(S_FileHeader* _pFileHeader)
+{
+    if (!_pFileHeader) return;
+
+    S_FileHeader& header = *_pFileHeader;
+    if (header.AChannels == 0 || header.AChannels == 255) header.AChannels = 1;
+    if (header.BitsPerSample == 0 || header.BitsPerSample == 255) header.BitsPerSample = 16;
+    if (header.SamplesPerSec == 0 || header.SamplesPerSec == 0xFFFFFFFF) header.SamplesPerSec = 8000;
 }

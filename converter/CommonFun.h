@@ -91,6 +91,23 @@ QUORLIN_API int GetFrameFlagByMode(int _iMode);
 /** Size of the whole frame: GetMPEG4FrmSize() in mode 11, else u32FrameSize. -1 for NULL. */
 QUORLIN_API int GetFrameSize(LPBYTE _pFrmHeader, int _iVMode);
 
+/**
+ * The whole size of the frame that begins at these bytes, by the rules of a stream of that mode: the flag,
+ * then IsValidFrameHeader(), then GetFrameSize().
+ *
+ * @param _pFrmHeader 32 readable bytes, in any alignment
+ * @return 32 to 2097152, or 65535 in mode 11; 0 when no frame begins here, and for NULL
+ */
+QUORLIN_API int GetValidFrameSize(LPBYTE _pFrmHeader, int _iVMode);
+
+/** Bytes of all audio frames in the frame, before and behind its video, as its header tells them: 0 to
+ *  33422850; 0 for NULL. */
+QUORLIN_API int GetFrameAudioSize(LPBYTE _pFrmHeader);
+
+/** Give the audio fields that hold 0 or no value (255, 0xFFFFFFFF) the values that they stand for: one
+ * channel of 16 bits at 8000 Hz. NULL is left alone. */
+QUORLIN_API void CompleteFileHeader(S_FileHeader* _pFileHeader);
+
 /** The big-endian 16-bit size at offset 5 of an MPEG-4 frame (7 bytes are read); -1 for NULL. */
 QUORLIN_API int GetMPEG4FrmSize(unsigned char* _pFrmHeader);
 

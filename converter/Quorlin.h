@@ -312,7 +312,7 @@ QUORLIN_API int CA_DecryptFrame(unsigned char* _pucBuff, int _iFrameSize, unsign
  *         -1 when it was refused, "TC_SDVtoAVI error" on standard output: a path that is NULL or too long, a
  *         conversion that is still running, no thread; behind the text of StartChange(): an input that
  *         cannot be opened or is no SDV recording, an input and an output that are the same file.
- *         m_iPosition then says nothing of this call
+ *         m_iPosition then says nothing of this call; GetConversionProgress() gives the reason
  */
 QUORLIN_API int KtConvert_SDVtoAVI(char* _pcSrcFullPath, char* _pcDestFullPath);
 
@@ -397,6 +397,40 @@ QUORLIN_API int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath);
  */
 QUORLIN_API int CancelConversion(void);
 
+/* What GetConversionProgress() gives beside the values of m_iPosition. */
+typedef enum SdvProgress
+{
+    SdvProgress_None = -10,       /* no conversion was asked for since the library was loaded */
+    SdvRefused_Busy = -11,        /* the job says that one runs, see TC_SDVtoAVI() */
+    SdvRefused_Path = -12,        /* a path is NULL, or longer than 259 bytes */
+    SdvRefused_Input = -13,       /* the input cannot be opened */
+    SdvRefused_NoRecording = -14, /* its header is not that of a recording, or cannot be read */
+    SdvRefused_SameFile = -15,    /* input and output are the same file */
+    SdvRefused_NoThread = -16     /* no thread could be created */
+} SdvProgress;
+
+/**
+ * How far the file conversion is that was asked for last, or what became of it. From any thread, at any time;
+ * m_iPosition says nothing of a call that was refused, and this does. A stream has no progress.
+ *
+ * The value of the call before stands until the next one begins. Who watches from a thread that may look
+ * first compares the count of calls with the one before:
+ *
+ *     uint32_t before, calls;
+ *     GetConversionProgress(&before);
+ *     ...start a thread that converts...
+ *     do percent = GetConversionProgress(&calls);
+ *     while (calls == before || (percent >= 0 && percent < 100));
+ *
+ * A call that is refused because another thread's conversion runs tells that by its result alone: progress
+ * and count stay those of the one that runs.
+ *
+ * @param _puCalls where to store how many conversions were asked for so far, modulo 2^32; or NULL
+ * @return 0 to 99 percent while one runs; 100 or -1 to -5 as m_iPosition (for ChangeFile2AVI() as well:
+ *         its results 0 to 4 are 100, -1, -2, -3, -5) when its call is about to return; else an SdvProgress
+ */
+QUORLIN_API int GetConversionProgress(uint32_t* _puCalls);
+
 /* What became of a recording's frames and bytes. Fields are added behind these, never between them. */
 typedef struct SdvReport
 {
@@ -413,6 +447,9 @@ typedef struct SdvReport
     uint64_t u64FramesNotWritten;    /* the output had failed, for want of room or otherwise */
     uint64_t u64BytesUnreadable;     /* of the input, from where reading it failed up to its end */
     uint64_t u64FirstUnreadable;     /* where that was; 0 when all could be read */
+    uint64_t u64FramesMissing;       /* by the numbers of the frames that came, dropped ones among them */
+    uint64_t u64NumberGaps;          /* where they jump; back, or far ahead, nothing is missing */
+    uint64_t u64CutOff;              /* where a frame of a file begins inside which the file ends; else 0 */
 } SdvReport;
 
 /**
@@ -427,6 +464,9 @@ typedef struct SdvReport
  * Positions in a stream count from the first byte that the job held, or was pushed, when the file was opened;
  * what is pushed while no file is open is not counted, and bytes that wait for the rest of their frame are
  * not skipped yet. A frame that a file can not take any more (see StopRecord()) counts nowhere.
+ *
+ * A frame at u64CutOff that only seems to be cut off, as bytes of it are missing or its size is wrong, takes
+ * whole frames with it that lie behind its header: whoever wants them pushes the input, and looks there.
  *
  * A pusher learns here that the disk is full, long before the stop: RecordAvi() and RecordAviEx() hand each
  * frame to the system before they return, and once that fails, that frame and all behind it count in
@@ -497,6 +537,14 @@ QUORLIN_API int StopRecord(int _iDDrawIndex);
  */
 QUORLIN_API BOOL CheckAudio(int _iAudioType, LPBYTE _pEncAudioData, int _iLen);
 
+/**
+ * The bytes that the open file will have when StopRecord() finishes it now: headers, chunks, index. From the
+ * thread that records.
+ *
+ * @return 212 or 316 before the first chunk; -1 when no file is open
+ */
+QUORLIN_API int64_t GetRecordedSize(void);
+
 /** Does nothing and returns 0. */
 QUORLIN_API int HVDecReset(void* pEncState, short nCoder);
 
@@ -557,6 +605,32 @@ QUORLIN_API int AVI_AudioSetStrfHeader(AVI_AudioStrfHeader* _strfHeader);
 
 /** Write the header area from offset 0. 0; 1 without a file. */
 QUORLIN_API int AVI_WriteFileHeader(AVI_Header _aviHeader, AVI_MediaType _mediaType);
+
+/* What the headers in front of a file's chunks say. Fields are added behind these, never between them. */
+typedef struct SdvAviHeader
+{
+    uint32_t cbSize; /* sizeof(SdvAviHeader), set by the caller */
+    uint32_t u32Width;
+    uint32_t u32Height;
+    uint32_t u32FrameRate; /* pictures a second */
+    uint32_t u32VideoChunks;
+    uint32_t u32LargestVideoChunk; /* bytes */
+    uint32_t u32AudioCode;         /* 1 G.711 A-law, 2 G.711 mu-law, 22 AAC; 0 without audio */
+    uint32_t u32AudioChannels;
+    uint32_t u32AudioRate; /* Hz; without audio, too, it is part of the file */
+    uint32_t u32AudioChunks;
+    uint32_t u32RiffSize; /* the whole file's length less 8 */
+    uint32_t u32MoviSize; /* from the "movi" FOURCC to the end of the last chunk */
+} SdvAviHeader;
+
+/**
+ * Build the bytes in front of a file's chunks, header area and movi list header, as StopRecord() writes them.
+ * From values alone: the job is not looked at, so any thread may call it at any time.
+ *
+ * @param _pBytes where to put them, _iSize bytes
+ * @return their number, 224 or with audio 328; -1 for NULL, fewer bytes of room, or a smaller cbSize
+ */
+QUORLIN_API int BuildAviHeader(const SdvAviHeader* _pHeader, unsigned char* _pBytes, int _iSize);
 
 /** Write the movi list header behind the header area. 0; 1 without a file or with a size of 0 or less. */
 QUORLIN_API int AVI_WriteMoviHeader(int _iMoviSize, AVI_MediaType _types);

@@ -57,7 +57,8 @@ static int change_file(const char* inputpath, const char* outpath)
     window.before_change = flush_gathered;
     begin_gathering();
     int32_t i = 0;
-    while (i < frames && !is_cancelled() && record_next(window, fill)) ++i;
+    for (; i < frames && !is_cancelled() && record_next(window, fill); ++i)
+        note_progress(static_cast<int>(int64_t{i} * 100 / frames));
     if (i < frames) note_skipped(window_position(window), input_end(window));
     end_gathering();
     const bool whole = finish_recording() == 0;
@@ -71,6 +72,7 @@ int ChangeFile2AVI(char* _cpinputpath, char* _cpoutpath)
     const CancelGuard whole;
     begin_conversion();
     const int result = change_file(_cpinputpath, _cpoutpath);
-    end_conversion();
+    const int outcomes[] = {100, -1, -2, -3, -5};
+    end_conversion(outcomes[result]);
     return result;
 }

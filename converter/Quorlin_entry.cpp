@@ -27,7 +27,6 @@ static void copy_path(char (&to)[PATH_SIZE], const char* path)
 }
 
 // ---- the thread's life
-// --------------------------------------------------------------------------------------
 
 // The handle is exported, so the thread can be cancelled: it goes on all the same.
 static void* run_conversion(void*)
@@ -60,7 +59,6 @@ void WaitThreadTerminate(void)
 }
 
 // ---- one conversion
-// -----------------------------------------------------------------------------------------
 
 static bool is_recording(const InputFile& input)
 {
@@ -68,28 +66,33 @@ static bool is_recording(const InputFile& input)
     return read_file_header(input, header) && IsValidFileHeader(&header);
 }
 
-// 0, or the refusal with its text written.
-static int test_input(const char* inputpath, const char* outpath)
+// SdvProgress_None when nothing speaks against it.
+static int test_paths(const char* inputpath, const char* outpath)
 {
     InputFile input;
-    const bool usable = path_fits(inputpath) && path_fits(outpath) && open_input(input, inputpath);
-    if (!usable || is_same_file(inputpath, outpath)) {
-        puts("140217====2222");
-        return -1;
-    }
-    if (!is_recording(input)) {
+    if (!path_fits(inputpath) || !path_fits(outpath)) return SdvRefused_Path;
+    if (!open_input(input, inputpath)) return SdvRefused_Input;
+    if (is_same_file(inputpath, outpath)) return SdvRefused_SameFile;
+    return is_recording(input) ? SdvProgress_None : SdvRefused_NoRecording;
+}
+
+static int result_of(int refusal)
+{
+    if (refusal == SdvRefused_NoThread) return -3;
+    if (refusal == SdvRefused_NoRecording) {
         fputs("140217====3333", stdout);
         return -2;
     }
-    return 0;
+    puts("140217====2222");
+    return -1;
 }
 
-// The conversion has begun: see begin_conversion().
+// The conversion has begun: see begin_conversion(). Gives its outcome, or the reason for a refusal.
 static int convert_file(const char* inputpath, const char* outpath)
 {
     TSdv2Avi& job = g_tSdv2Avi;
-    const int refused = test_input(inputpath, outpath);
-    if (refused != 0) return refused;
+    const int refusal = test_paths(inputpath, outpath);
+    if (refusal != SdvProgress_None) return refusal;
 
     WaitThreadTerminate();
     publish(job.m_iIsSwitching, 1);
@@ -97,18 +100,24 @@ static int convert_file(const char* inputpath, const char* outpath)
     copy_path(job.m_szOutputPath, outpath);
     if (!start_conversion(job)) {
         publish(job.m_iIsSwitching, 0);
-        return -3;
+        return SdvRefused_NoThread;
     }
     WaitThreadTerminate();
-    return 0;
+    return observe(job.m_iPosition);
+}
+
+static bool is_refusal(int outcome)
+{
+    return outcome < SdvProgress_None;
 }
 
 int StartChange(char* _cpinputpath, char* _cpoutpath)
 {
     const CancelGuard whole;
     begin_conversion();
-    const int result = convert_file(_cpinputpath, _cpoutpath);
-    end_conversion();
+    const int outcome = convert_file(_cpinputpath, _cpoutpath);
+    const int result = is_refusal(outcome) ? result_of(outcome) : 0;
+    end_conversion(outcome);
     return result;
 }
 
@@ -128,7 +137,9 @@ int TC_SDVtoAVI(int, char* _pcSrcFullPath, char* _pcDestFullPath)
 {
     const CancelGuard whole;
     const int busy = refuse_while_busy(g_tSdv2Avi);
-    return busy ? busy : StartChange(_pcSrcFullPath, _pcDestFullPath);
+    if (!busy) return StartChange(_pcSrcFullPath, _pcDestFullPath);
+    note_refused(SdvRefused_Busy);
+    return busy;
 }
 
 static int refuse()
@@ -137,10 +148,17 @@ static int refuse()
     return -1;
 }
 
+static int refuse_path()
+{
+    note_refused(SdvRefused_Path);
+    return refuse();
+}
+
 int KtConvert_SDVtoAVI(char* _pcSrcFullPath, char* _pcDestFullPath)
 {
     const CancelGuard whole;
-    if (!path_fits(_pcSrcFullPath) || !path_fits(_pcDestFullPath) || !try_begin_conversion()) return refuse();
+    if (!path_fits(_pcSrcFullPath) || !path_fits(_pcDestFullPath)) return refuse_path();
+    if (!try_begin_conversion()) return refuse();
 
     // Copies of our own: preparing the job clears its paths, which the caller may have handed in.
     char source[PATH_SIZE];
@@ -148,9 +166,13 @@ int KtConvert_SDVtoAVI(char* _pcSrcFullPath, char* _pcDestFullPath)
     copy_path(source, _pcSrcFullPath);
     copy_path(destination, _pcDestFullPath);
     prepare_job(8000);
-    const int result = convert_file(source, destination); // the job is new: it cannot be busy
-    const int answer = result == 0 ? 0 : refuse();
+    const int outcome = convert_file(source, destination); // the job is new: it cannot be busy
+    int answer = 0;
+    if (is_refusal(outcome)) {
+        result_of(outcome);
+        answer = refuse();
+    }
     release_job();
-    end_conversion();
+    end_conversion(outcome);
     return answer;
 }

@@ -22,9 +22,10 @@ bool open_input(InputFile& input, const char* path)
     int fd = open(path, flags | O_NONBLOCK);
     if (fd == -1 && errno == EWOULDBLOCK) fd = open(path, flags);
     if (fd == -1) return false;
-    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    const bool known = fstat(fd, &status) == 0;
+    if (!known || !S_ISREG(status.st_mode)) {
         close(fd);
-        return true;
+        return known;
     }
     posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     input.fd = fd;

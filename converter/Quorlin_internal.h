@@ -26,10 +26,15 @@ constexpr FOURCC fourcc(const char (&text)[5])
            static_cast<uint32_t>(static_cast<uint8_t>(text[3])) << 24;
 }
 
+// Codings of audio, as u8ACoder of a frame tells them.
+const int CODE_ALAW = 1;
+const int CODE_MULAW = 2;
+const int CODE_AAC = 22;
+
 const uint32_t FRAME_HEADER_SIZE = sizeof(S_FrameHeader);
 const uint32_t MAX_FILE_FRAME = 0x100000; // largest frame that a whole-file conversion takes
 
-// A conversion thread is joined exactly once: who comes second finds in here that it was waited for. The
+// A conversion thread is joined exactly once. This record tells a second caller that it was waited for: the
 // handle in the job stays, and a later thread may get the same one.
 struct WaitedThread
 {
@@ -39,13 +44,19 @@ struct WaitedThread
 };
 extern WaitedThread g_tWaited;
 
-// ---- job (Quorlin_job.cpp) ----
+// ---- preparing the job (Quorlin_prepare.cpp) ----
 
 // As Initialize() and QuorlinRelease(), for the conversion that runs.
 void prepare_job(int _iAudioSampleRate);
 void release_job();
 
-// ---- conversion (Quorlin_thread.cpp) ----
+// ---- search (Quorlin_search.cpp) ----
+
+// Kinds of frames, as FindFrame() takes them.
+const int ANY_FRAME = 0;
+const int KEY_FRAME = 1;
+
+// ---- conversion (Quorlin_conversion.cpp) ----
 
 // As ThreadChangeProc(), when the conversion has begun.
 void convert_in_thread();
@@ -109,6 +120,7 @@ enum class FrameFate
 
 void reset_report();
 void count_frame(FrameFate fate);
+void note_number(uint32_t number); // of a frame whose parts lie within it, and which is not numbered 0
 
 // Frames that count as recorded could not be written after all.
 void take_back_recorded(uint64_t frames);
@@ -121,6 +133,9 @@ void note_skipped_in_stream(uint64_t from, uint64_t to);
 
 // Reading the input failed at from and gives up what lies before its end; nothing, when they are the same.
 void note_unreadable(uint64_t from, uint64_t end);
+
+// A frame begins here, and the input ends inside it.
+void note_cut_off(uint64_t at);
 
 // The stream buffer's first len bytes are done with.
 void consume_stream(uint64_t len);

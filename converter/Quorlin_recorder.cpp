@@ -7,9 +7,6 @@
 #include "Quorlin_internal.h"
 #include "Quorlin_running.h"
 
-static const int CODE_ALAW = 1;
-static const int CODE_MULAW = 2;
-static const int CODE_AAC = 22;
 static const uint32_t G711_PREFIX = 4;
 static const uint32_t ADTS_HEADER = 7;
 static const uint32_t ENTRY_SIZE = sizeof(AVI_IndexEntity);
@@ -46,7 +43,6 @@ static void forget_trouble()
 }
 
 // ---- starting
-// -----------------------------------------------------------------------------------------------
 
 void Inner_InitializeRecord(const char* _cFileName)
 {
@@ -87,7 +83,6 @@ int StartRecord(int, const char* _cFileName, int)
 }
 
 // ---- layout
-// -------------------------------------------------------------------------------------------------
 
 static AVI_MediaType media_type(const TSdv2Avi& job)
 {
@@ -125,7 +120,11 @@ static void lay_out(TSdv2Avi& job)
 }
 
 // ---- chunks
-// -------------------------------------------------------------------------------------------------
+
+static int64_t index_size(int32_t entries)
+{
+    return int64_t{sizeof(AVI_IndexHeader)} + int64_t{entries} * ENTRY_SIZE;
+}
 
 // Would the finished file, with this chunk and its index entry, stay below the limit?
 static bool fits(const TSdv2Avi& job, uint32_t len)
@@ -133,8 +132,7 @@ static bool fits(const TSdv2Avi& job, uint32_t len)
     if (!job.m_fsRec) return true;
 
     const int64_t chunk = int64_t{sizeof(AVI_FrameHeader)} + len + (len & 1);
-    const int64_t index = int64_t{sizeof(AVI_IndexHeader)} + (int64_t{job.m_iTotalFrames} + 1) * ENTRY_SIZE;
-    return output_position() + chunk + index + late_audio_room() < FILE_LIMIT;
+    return output_position() + chunk + index_size(job.m_iTotalFrames + 1) + late_audio_room() < FILE_LIMIT;
 }
 
 static bool write_chunk(TSdv2Avi& job, AVI_FrameHeader& header, unsigned char* data, uint32_t len, int kind)
@@ -225,7 +223,6 @@ BOOL CheckAudio(int _iAudioType, LPBYTE _pEncAudioData, int _iLen)
 }
 
 // ---- frames
-// -------------------------------------------------------------------------------------------------
 
 static FrameFate take_apart(unsigned char* data, int length, FrameParts& frame)
 {
@@ -244,6 +241,7 @@ static FrameFate take_apart(unsigned char* data, int length, FrameParts& frame)
     frame.before = data + FRAME_HEADER_SIZE;
     frame.video = frame.before + frame.slotsBefore * header.u16AFrameSize;
     frame.after = frame.video + header.u32VStreamLen;
+    note_number(header.u32FrameNO);
     return FrameFate::recorded;
 }
 
@@ -299,7 +297,6 @@ int recording_trouble()
 }
 
 // ---- finishing
-// ----------------------------------------------------------------------------------------------
 
 // Write everything that depends on the whole recording. end is where the chunks end.
 static int write_headers_and_index(TSdv2Avi& job, int64_t end)
@@ -330,9 +327,20 @@ static int finish_without_audio(TSdv2Avi& job, int64_t end)
     return 1;
 }
 
+int64_t GetRecordedSize(void)
+{
+    const TSdv2Avi& job = g_tSdv2Avi;
+    if (!job.m_fsRec) return -1;
+
+    const int32_t entries = held_entries();
+    if (entries == 0) return AVI_MoviSkipLen(media_type(job));
+    const int64_t size = output_position() + index_size(entries);
+    return job.m_iHaveAudio != 0 && is_laid_out_for_video(job) ? size + late_audio_room() : size;
+}
+
 static int finish_file(TSdv2Avi& job)
 {
-    int64_t end = ftello(job.m_fsRec);
+    const int64_t end = ftello(job.m_fsRec);
     if (end < 0) {
         puts("ftell has error");
         write_headers_and_index(job, end);
@@ -340,14 +348,12 @@ static int finish_file(TSdv2Avi& job)
     }
     if (job.m_iHaveAudio == 0 || !is_laid_out_for_video(job)) return write_headers_and_index(job, end);
 
-    const int64_t index = int64_t{sizeof(AVI_IndexHeader)} + int64_t{held_entries()} * ENTRY_SIZE;
-    const Moved moved = move_chunks_up(job.m_fsRec, end, index);
+    const Moved moved = move_chunks_up(job.m_fsRec, end, index_size(held_entries()));
     if (moved == Moved::not_at_all) return finish_without_audio(job, end);
+    if (moved == Moved::torn) return 1; // headers would take the place of chunks that were not moved
 
     job.m_iMoviBeginPos += late_audio_room();
-    end += late_audio_room();
-    const int failed = write_headers_and_index(job, end);
-    return moved == Moved::torn ? 1 : failed;
+    return write_headers_and_index(job, end + late_audio_room());
 }
 
 int finish_recording()

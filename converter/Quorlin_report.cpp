@@ -6,12 +6,15 @@
 #include "Quorlin_internal.h"
 
 static_assert(offsetof(SdvReport, u64FramesRecorded) == 8 && offsetof(SdvReport, u64FramesNotWritten) == 72 &&
-              sizeof(SdvReport) == 96);
+              offsetof(SdvReport, u64FramesMissing) == 96 && sizeof(SdvReport) == 120);
 
 // Callers may have been built when the record ended before u64FramesNotWritten.
 static const uint32_t FIRST_SIZE = offsetof(SdvReport, u64FramesNotWritten);
 
 static const uint64_t NOWHERE = UINT64_MAX;
+
+// Beyond that many the numbers were damaged, or began anew.
+static const uint32_t LONGEST_LOSS = 1000000;
 
 // What is counted, and where we are. Any thread may ask while a conversion runs.
 struct Account
@@ -20,8 +23,9 @@ struct Account
     SdvReport counts;
     uint64_t gapEnd; // behind the last byte skipped
     uint64_t pushed; // bytes of the stream consumed so far
+    uint32_t number; // of the last frame; 0: none yet
 };
-static Account s_tAccount = {PTHREAD_MUTEX_INITIALIZER, {}, NOWHERE, 0};
+static Account s_tAccount = {PTHREAD_MUTEX_INITIALIZER, {}, NOWHERE, 0, 0};
 
 void reset_report()
 {
@@ -29,6 +33,7 @@ void reset_report()
     s_tAccount.counts = {};
     s_tAccount.gapEnd = NOWHERE;
     s_tAccount.pushed = 0;
+    s_tAccount.number = 0;
 }
 
 static uint64_t& count_of(SdvReport& counts, FrameFate fate)
@@ -54,6 +59,17 @@ void count_frame(FrameFate fate)
 {
     PlainLock guard(s_tAccount.lock);
     count_of(s_tAccount.counts, fate) += 1;
+}
+
+void note_number(uint32_t number)
+{
+    PlainLock guard(s_tAccount.lock);
+    const uint32_t step = number - s_tAccount.number;
+    const bool first = s_tAccount.number == 0;
+    s_tAccount.number = number;
+    if (first || step == 1) return;
+    s_tAccount.counts.u64NumberGaps += 1;
+    if (step > 1 && step <= LONGEST_LOSS) s_tAccount.counts.u64FramesMissing += step - 1;
 }
 
 void take_back_recorded(uint64_t frames)
@@ -96,6 +112,12 @@ void note_unreadable(uint64_t from, uint64_t end)
     PlainLock guard(s_tAccount.lock);
     s_tAccount.counts.u64BytesUnreadable = end - from;
     s_tAccount.counts.u64FirstUnreadable = end > from ? from : 0;
+}
+
+void note_cut_off(uint64_t at)
+{
+    PlainLock guard(s_tAccount.lock);
+    s_tAccount.counts.u64CutOff = at;
 }
 
 void consume_stream(uint64_t len)

@@ -8,6 +8,9 @@ static pthread_mutex_t s_tLock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t s_tChanged = PTHREAD_COND_INITIALIZER;
 static bool s_bRunning;
 static int s_iUsers;
+static uint32_t s_uCalls;
+static int s_iOutcome = SdvProgress_None; // of the last call
+static std::atomic<int> s_iPercent;
 
 // Apart from the lock: a signal handler may cancel.
 static const int CLOSED = 0; // none runs, or its outcome stands
@@ -19,6 +22,8 @@ static void begin_locked()
 {
     while (s_bRunning || s_iUsers > 0) pthread_cond_wait(&s_tChanged, &s_tLock);
     s_bRunning = true;
+    s_uCalls += 1;
+    s_iPercent.store(0, std::memory_order_relaxed);
     s_iRequest.store(OPEN);
 }
 
@@ -36,12 +41,33 @@ bool try_begin_conversion()
     return true;
 }
 
-void end_conversion()
+void end_conversion(int outcome)
 {
     PlainLock guard(s_tLock);
     s_iRequest.store(CLOSED);
+    s_iOutcome = outcome;
     s_bRunning = false;
     pthread_cond_broadcast(&s_tChanged);
+}
+
+void note_progress(int percent)
+{
+    s_iPercent.store(percent, std::memory_order_relaxed);
+}
+
+void note_refused(int reason)
+{
+    PlainLock guard(s_tLock);
+    if (s_bRunning) return;
+    s_uCalls += 1;
+    s_iOutcome = reason;
+}
+
+int GetConversionProgress(uint32_t* _puCalls)
+{
+    PlainLock guard(s_tLock);
+    if (_puCalls) *_puCalls = s_uCalls;
+    return s_bRunning ? s_iPercent.load(std::memory_order_relaxed) : s_iOutcome;
 }
 
 void begin_use()

@@ -7,7 +7,12 @@
 // has it.
 void begin_conversion();
 bool try_begin_conversion();
-void end_conversion();
+void end_conversion(int outcome);
+
+// What GetConversionProgress() tells: how far the conversion is, and why one was refused that never had the
+// job. The one that has it keeps its own.
+void note_progress(int percent);
+void note_refused(int reason);
 
 // A call that must not meet a conversion has the job from begin_use() to end_use(); several may have it at a
 // time. begin_use() waits for a conversion's end; try_begin_use() is false instead.

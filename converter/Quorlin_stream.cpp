@@ -4,23 +4,6 @@
 #include "Quorlin_internal.h"
 #include "Quorlin_running.h"
 
-static const int MODE_MPEG4 = 11;
-static const uint32_t MPEG4_FLAG_MASK = 0x00FCFFFF;
-
-// Size of the frame that begins at at; 0 when none does.
-static uint32_t frame_size_at(LPBYTE at, int mode)
-{
-    uint32_t flag;
-    memcpy(&flag, at, sizeof(flag));
-    if (mode == MODE_MPEG4) flag &= MPEG4_FLAG_MASK;
-    if (flag != static_cast<uint32_t>(GetFrameFlagByMode(mode))) return 0;
-    if (!IsValidFrameHeader(at, mode)) return 0;
-
-    // In mode 11 nothing else holds the size above that of a header.
-    const uint32_t size = static_cast<uint32_t>(GetFrameSize(at, mode));
-    return size < FRAME_HEADER_SIZE ? 0 : size;
-}
-
 static void note_gap(const TSdv2Avi& job, int32_t from, int32_t to)
 {
     if (job.m_fsRec) note_skipped_in_stream(static_cast<uint64_t>(from), static_cast<uint64_t>(to));
@@ -44,16 +27,16 @@ int SearchAndRecordFrame(void)
     int32_t p = 0;
     int32_t gap = 0; // bytes [gap, p) begin no frame
     while (job.m_iStreamLen - p >= static_cast<int32_t>(FRAME_HEADER_SIZE)) {
-        const uint32_t size = frame_size_at(job.m_pStreamBuf + p, mode);
+        const int32_t size = GetValidFrameSize(job.m_pStreamBuf + p, mode);
         if (size == 0) {
             p += 1;
             continue;
         }
         note_gap(job, gap, p);
         gap = p;
-        if (size > static_cast<uint32_t>(job.m_iStreamLen - p)) break;
-        if (job.m_fsRec) result = RecordAvi(job.m_pStreamBuf + p, static_cast<int>(size));
-        p += static_cast<int32_t>(size);
+        if (size > job.m_iStreamLen - p) break;
+        if (job.m_fsRec) result = RecordAvi(job.m_pStreamBuf + p, size);
+        p += size;
         gap = p;
     }
     note_gap(job, gap, p);

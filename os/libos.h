@@ -537,6 +537,12 @@ LIBOS_API int os_tcp_server_set_local(TcpServer* server, char* ip, uint16 port);
 /** Copy address (16 bytes are enough) and port as set. NULL for any of the three: "server is NULL", 0. */
 LIBOS_API int os_tcp_server_get_local(TcpServer* server, char* ip, uint16* port);
 
+/**
+ * Tell the port that it listens on: with port 0 the system chooses one. 0, reported: "server is NULL", also
+ * for a NULL port; "server is dislisten"; "getsockname fail".
+ */
+LIBOS_API int os_tcp_server_get_port(TcpServer* server, uint16* port);
+
 /** 0 not listening, 1 listening, -1 for NULL. */
 LIBOS_API int32 os_tcp_server_get_status(TcpServer* server);
 

@@ -9,10 +9,7 @@
 DList* adt_dlist_create(uint32 node_size)
 {
     DList* dlist = static_cast<DList*>(calloc(1, sizeof(DList)));
-    if (!dlist) {
-        os_report_errno("malloc fail");
-        return nullptr;
-    }
+    if (!dlist) return os_refuse_errno(nullptr, "malloc fail");
     dlist->node_size = node_size;
     os_mutex_init(&dlist->mutex, 1);
     return dlist;
@@ -20,10 +17,7 @@ DList* adt_dlist_create(uint32 node_size)
 
 int adt_dlist_destroy(DList* dlist)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return 0;
-    }
+    if (!dlist) return os_refuse(0, "dlist is null");
 
     for (DListNode* node = dlist->head; node;) {
         DListNode* next = node->next;
@@ -37,10 +31,7 @@ int adt_dlist_destroy(DList* dlist)
 
 static DListNode* make_node(const DList* dlist, const void* data)
 {
-    if (!data) {
-        os_report("data is null");
-        return nullptr;
-    }
+    if (!data) return os_refuse(nullptr, "data is null");
 
     const size_t header = offsetof(DListNode, data);
     if (dlist->node_size > SIZE_MAX - header) {
@@ -49,10 +40,7 @@ static DListNode* make_node(const DList* dlist, const void* data)
         return nullptr;
     }
     DListNode* node = static_cast<DListNode*>(malloc(std::max(sizeof(DListNode), header + dlist->node_size)));
-    if (!node) {
-        os_report_errno("malloc fail");
-        return nullptr;
-    }
+    if (!node) return os_refuse_errno(nullptr, "malloc fail");
     node->next = nullptr;
     node->prev = nullptr;
     memcpy(reinterpret_cast<char*>(node) + header, data, dlist->node_size);
@@ -72,10 +60,7 @@ static DListNode* link_between(DList* dlist, DListNode* prev, DListNode* node, D
 
 DListNode* adt_dlist_insert(DList* dlist, DListNode* node, void* data)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return nullptr;
-    }
+    if (!dlist) return os_refuse(nullptr, "dlist is null");
 
     DListNode* made = make_node(dlist, data);
     if (!made) return nullptr;
@@ -85,10 +70,7 @@ DListNode* adt_dlist_insert(DList* dlist, DListNode* node, void* data)
 
 DListNode* adt_dlist_add(DList* dlist, DListNode* node, void* data)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return nullptr;
-    }
+    if (!dlist) return os_refuse(nullptr, "dlist is null");
 
     DListNode* made = make_node(dlist, data);
     if (!made) return nullptr;
@@ -108,50 +90,32 @@ DListNode* adt_dlist_prev(DListNode* node)
 
 DListNode* adt_dlist_head(DList* dlist)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return nullptr;
-    }
+    if (!dlist) return os_refuse(nullptr, "dlist is null");
     return dlist->head;
 }
 
 DListNode* adt_dlist_end(DList* dlist)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return nullptr;
-    }
+    if (!dlist) return os_refuse(nullptr, "dlist is null");
     return dlist->end;
 }
 
 uint32 adt_dlist_size(DList* dlist)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return 0;
-    }
+    if (!dlist) return os_refuse(0, "dlist is null");
     return dlist->len;
 }
 
 int adt_dlist_empty(DList* dlist)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return 0;
-    }
+    if (!dlist) return os_refuse(0, "dlist is null");
     return dlist->head == nullptr;
 }
 
 int adt_dlist_delete(DList* dlist, DListNode* node)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return 0;
-    }
-    if (!node) {
-        os_report("node is null");
-        return 0;
-    }
+    if (!dlist) return os_refuse(0, "dlist is null");
+    if (!node) return os_refuse(0, "node is null");
 
     (node->prev ? node->prev->next : dlist->head) = node->next;
     (node->next ? node->next->prev : dlist->end) = node->prev;
@@ -162,20 +126,11 @@ int adt_dlist_delete(DList* dlist, DListNode* node)
 
 DListNode* adt_dlist_delete_ex(DList* dlist, DListNode* node)
 {
-    if (!dlist) {
-        os_report("dlist == NULL");
-        return nullptr;
-    }
-    if (!node) {
-        os_report("node == NULL");
-        return nullptr;
-    }
+    if (!dlist) return os_refuse(nullptr, "dlist == NULL");
+    if (!node) return os_refuse(nullptr, "node == NULL");
 
     DListNode* next = node->next;
-    if (!adt_dlist_delete(dlist, node)) {
-        os_report("dlist delete tmp failed!)");
-        return nullptr;
-    }
+    if (!adt_dlist_delete(dlist, node)) return os_refuse(nullptr, "dlist delete tmp failed!)");
     return next;
 }
 
@@ -186,19 +141,13 @@ void* adt_dlist_getdata(DListNode* node)
 
 int adt_dlist_lock(DList* dlist)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return 0;
-    }
+    if (!dlist) return os_refuse(0, "dlist is null");
     return os_mutex_lock(&dlist->mutex);
 }
 
 int adt_dlist_unlock(DList* dlist)
 {
-    if (!dlist) {
-        os_report("dlist is null");
-        return 0;
-    }
+    if (!dlist) return os_refuse(0, "dlist is null");
     return os_mutex_unlock(&dlist->mutex);
 }
 

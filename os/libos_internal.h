@@ -16,6 +16,10 @@
 #define os_report_errno(...) OS_REPORT(err_buf_msg_unlock, __VA_ARGS__)
 #define os_report_exit(...) OS_REPORT(err_buf_quit_unlock, __VA_ARGS__)
 
+// For a call that refuses what it was given: the report, and what the call is to return.
+#define os_refuse(result, ...) (os_report(__VA_ARGS__), (result))
+#define os_refuse_errno(result, ...) (os_report_errno(__VA_ARGS__), (result))
+
 // Formatting a date or writing a line may change errno, which the caller's message is about.
 struct ErrnoKeeper
 {

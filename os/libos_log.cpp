@@ -30,6 +30,17 @@ static int s_log_file_day = -1;
 static char s_log_path[PATH_SIZE];
 static std::atomic<int> blWriteLog = -1;
 
+// The log reports for everybody, so it uses none of them: not even their locks.
+struct PlainGuard
+{
+    pthread_mutex_t& mutex;
+
+    explicit PlainGuard(pthread_mutex_t& wanted) : mutex(wanted) { pthread_mutex_lock(&mutex); }
+    PlainGuard(const PlainGuard&) = delete;
+    PlainGuard& operator=(const PlainGuard&) = delete;
+    ~PlainGuard() { pthread_mutex_unlock(&mutex); }
+};
+
 // A line being put together. Room for the line end and the terminator is kept free until it is finished.
 struct Line
 {
@@ -40,7 +51,6 @@ struct Line
 };
 
 // ---- putting text together
-// ----------------------------------------------------------------------------------
 
 // Format into at most room characters, terminator beyond them; returns how many were written.
 static int format_cut(char* to, int room, const char* fmt, va_list args)
@@ -85,7 +95,6 @@ static void add_error(Line& line, int error)
 }
 
 // ---- clearing up the log directory
-// --------------------------------------------------------------------------
 
 using IsOld = bool (*)(const char* path, const char* name, time_t now, bool& go_on);
 
@@ -134,7 +143,6 @@ static void remove_old(IsOld is_old)
 }
 
 // ---- the log file
-// -------------------------------------------------------------------------------------------
 
 // Decided once: the answer of the first report holds for the life of the process.
 static bool goes_to_file()
@@ -161,7 +169,7 @@ static void open_log_file(const struct tm& today)
 static void append_to_file(const Line& line)
 {
     const struct tm today = local_now();
-    MutexGuard guard(&s_log_file_mtx);
+    const PlainGuard guard(s_log_file_mtx.mutex);
     if (s_fp_log && today.tm_mday != s_log_file_day) {
         fclose(s_fp_log);
         s_fp_log = nullptr;
@@ -184,7 +192,6 @@ static void finish_and_emit(Line& line)
 }
 
 // ---- lines in pieces
-// ----------------------------------------------------------------------------------------
 
 static void add_piece(const char* fmt, va_list args)
 {
@@ -198,7 +205,7 @@ static int take_pieces(Line& line)
     memcpy(line.text, s_log_buf, static_cast<size_t>(line.len));
     s_log_buf_idx = 0;
     const int cancel = s_log_buf_cancel;
-    os_mutex_unlock(&s_log_buf_mtx);
+    pthread_mutex_unlock(&s_log_buf_mtx.mutex);
     return cancel;
 }
 
@@ -220,7 +227,7 @@ void log_buf_lock(void)
     ErrnoKeeper keeper;
     int cancel = PTHREAD_CANCEL_ENABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel);
-    os_mutex_lock(&s_log_buf_mtx);
+    pthread_mutex_lock(&s_log_buf_mtx.mutex);
     s_log_buf_cancel = cancel;
 }
 
@@ -287,7 +294,6 @@ void _err_buf_quit_unlock(const char* fmt, ...) SAME_AS(err_buf_quit_unlock);
 }
 
 // ---- whole lines
-// --------------------------------------------------------------------------------------------
 
 static void write_line(bool dated, int error, const char* fmt, va_list args)
 {
@@ -360,7 +366,6 @@ void err_quit2(const char* fmt, ...) SAME_AS(log_quit2);
 }
 
 // ---- date and path
-// ------------------------------------------------------------------------------------------
 
 void log_date(void)
 {

@@ -3,7 +3,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "libos_net.h"
+#include "libos_kinds.h"
+#include "libos_watch.h"
 
 struct LMainThreadFunc
 {
@@ -11,12 +12,24 @@ struct LMainThreadFunc
     void* context;
 };
 
-DList* s_ls_main_thread_func = nullptr;
-int s_pipe_fd_post[2] = {-1, -1};
+static DList* s_ls_main_thread_func = nullptr;
+static int s_pipe_fd_post[2] = {-1, -1};
+
+bool make_posts()
+{
+    s_ls_main_thread_func = adt_dlist_create(sizeof(void*));
+    return s_ls_main_thread_func || os_refuse(false, "adt_dlist_create s_ls_main_thread_func fail");
+}
+
+bool make_post_pipe()
+{
+    return make_pipe(s_pipe_fd_post, KIND_POST, "s_pipe_fd_post");
+}
 
 // A function that posts appends here, so one drain ends with an empty list.
 void run_posted()
 {
+    take_bytes(s_pipe_fd_post[0]);
     ListGuard guard(s_ls_main_thread_func);
     while (DListNode* node = adt_dlist_head(s_ls_main_thread_func)) {
         LMainThreadFunc* call;
@@ -47,17 +60,11 @@ static void wake_loop()
 
 int os_post_func(PostFunc func, void* context)
 {
-    if (!func) {
-        os_report("func is null");
-        return 0;
-    }
+    if (!func) return os_refuse(0, "func is null");
 
     const CancelGuard whole;
     LMainThreadFunc* call = static_cast<LMainThreadFunc*>(malloc(sizeof(LMainThreadFunc)));
-    if (!call) {
-        os_report("malloc fail");
-        return 0;
-    }
+    if (!call) return os_refuse(0, "malloc fail");
     *call = {func, context};
     const bool appended = append_call(call) != nullptr;
     if (!appended) free(call);

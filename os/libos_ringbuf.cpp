@@ -125,19 +125,11 @@ static void store_as_room_comes(RingBuf* ptbuf, const uint8* src, uint32 size)
 
 RingBuf* ringbuf_create(int32 bufsize, int type)
 {
-    if (bufsize <= 0) {
-        os_report("bufsize<=0");
-        return nullptr;
-    }
-    if (type != RINGBUF_WRITE_BLOCK && type != RINGBUF_WRITE_COVER) {
-        os_report("unkonw ringbug write type");
-        return nullptr;
-    }
+    if (bufsize <= 0) return os_refuse(nullptr, "bufsize<=0");
+    if (type != RINGBUF_WRITE_BLOCK && type != RINGBUF_WRITE_COVER)
+        return os_refuse(nullptr, "unkonw ringbug write type");
     RingBuf* ptbuf = static_cast<RingBuf*>(malloc(sizeof(RingBuf) + static_cast<size_t>(bufsize)));
-    if (!ptbuf) {
-        os_report("NULL == ptBuf");
-        return nullptr;
-    }
+    if (!ptbuf) return os_refuse(nullptr, "NULL == ptBuf");
     if (!os_mutex_init(&ptbuf->mutex, 1)) {
         os_report("os_mutex_init failed");
         free(ptbuf);
@@ -174,14 +166,8 @@ int32 ringbuf_capacity(RingBuf* ptbuf)
 int32 ringbuf_write(int32 size, const void* src, RingBuf* ptbuf)
 {
     if (size <= 0) return size;
-    if (!ptbuf) {
-        os_report("ptbuf is null");
-        return -1;
-    }
-    if (!src) {
-        os_report("src is null");
-        return -1;
-    }
+    if (!ptbuf) return os_refuse(-1, "ptbuf is null");
+    if (!src) return os_refuse(-1, "src is null");
     if (ptbuf->bufsize <= 0) return -1;
 
     const uint8* bytes = static_cast<const uint8*>(src);
@@ -220,14 +206,8 @@ static int32 take(RingBuf* ptbuf, void* dst, int32 size, bool consume)
 int32 ringbuf_read(int32 size, void* dst, RingBuf* ptbuf)
 {
     if (size <= 0) return size;
-    if (!ptbuf) {
-        os_report("ptbuf is null");
-        return -1;
-    }
-    if (!dst) {
-        os_report("dst is null");
-        return -1;
-    }
+    if (!ptbuf) return os_refuse(-1, "ptbuf is null");
+    if (!dst) return os_refuse(-1, "dst is null");
     if (ptbuf->bufsize <= 0) return -1;
 
     const int32 count = take(ptbuf, dst, size, true);
@@ -239,20 +219,14 @@ int32 ringbuf_copy(int32 size, void* dst, RingBuf* ptbuf)
 {
     if (size <= 0) return size;
     if (!ptbuf) return -1;
-    if (!dst) {
-        os_report("dst is null");
-        return -1;
-    }
+    if (!dst) return os_refuse(-1, "dst is null");
     if (ptbuf->bufsize <= 0) return -1;
     return take(ptbuf, dst, size, false);
 }
 
 int32 ringbuf_remove(int32 size, RingBuf* ptbuf)
 {
-    if (!ptbuf) {
-        os_report("ptbuf is null");
-        return -1;
-    }
+    if (!ptbuf) return os_refuse(-1, "ptbuf is null");
     if (size <= 0) return 0;
 
     {
@@ -267,10 +241,7 @@ int32 ringbuf_remove(int32 size, RingBuf* ptbuf)
 
 int32 ringbuf_clear(RingBuf* ptbuf)
 {
-    if (!ptbuf) {
-        os_report("ptbuf is null");
-        return -1;
-    }
+    if (!ptbuf) return os_refuse(-1, "ptbuf is null");
     {
         MutexGuard guard(&ptbuf->mutex);
         set_counts(ptbuf, 0, 0);
@@ -281,10 +252,7 @@ int32 ringbuf_clear(RingBuf* ptbuf)
 
 void* ringbuf_getdata(RingBuf* ptbuf)
 {
-    if (!ptbuf) {
-        os_report("ptbuf is null");
-        return nullptr;
-    }
+    if (!ptbuf) return os_refuse(nullptr, "ptbuf is null");
     if (ptbuf->bufsize <= 0) return nullptr;
     MutexGuard guard(&ptbuf->mutex);
     return ptbuf->buf + ptbuf->readpos % static_cast<uint32>(ptbuf->bufsize);

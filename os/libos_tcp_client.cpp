@@ -8,7 +8,11 @@
 
 #include <algorithm>
 
-#include "libos_net.h"
+#include "libos_kinds.h"
+#include "libos_main_lock.h"
+#include "libos_socket.h"
+#include "libos_table.h"
+#include "libos_watch.h"
 
 // The device's layout, which callers built against earlier headers rely on.
 #define AT(field, offset) (offsetof(TcpClient, field) == (offset))
@@ -26,47 +30,32 @@ static const int32 CONNECTED = 2;
 // What one event discards at most: a busy peer must not hold the loop.
 static const size_t DISCARD_LIMIT = 1048576;
 
-// ---- taking and releasing a slot
+static TcpClient* s_clients = nullptr;
+static uint32 s_max_client_num = 0, s_clients_num = 0, s_clients_session = 0;
+static LMutex s_clients_mutex;
+static SlotMap s_clients_free;
+static uint32* s_clients_opens = nullptr;
 
-static TcpClient* prepare_slot(int32 index)
+static constexpr Table<TcpClient> CLIENTS = {KIND_CLIENT,      &TcpClient::connectfd, s_clients,
+                                             s_max_client_num, s_clients_num,         s_clients_session,
+                                             s_clients_mutex,  s_clients_free,        s_clients_opens};
+
+bool make_clients(uint32 count)
 {
-    TcpClient* client = &s_clients[index];
-    clear_bytes(client, 0, offsetof(TcpClient, status));
-    clear_bytes(client, offsetof(TcpClient, udata), offsetof(TcpClient, connectfd));
-    client->type = KIND_CLIENT;
-    client->create_type = 1;
-    put(client->status, DISCONNECTED);
-    put(client->connectfd, -1);
-    put(client->session, ++s_clients_session);
-    put(client->index, index);
-    return client;
+    return make_table(CLIENTS, count, "s_clients_mutex", "TcpClient");
 }
+
+// ---- taking and releasing a slot
 
 TcpClient* os_tcp_client_create(void)
 {
     MutexGuard guard(&s_clients_mutex);
-    if (s_clients_num >= s_max_client_num) {
-        os_report("client num out");
-        return nullptr;
-    }
-    const int32 index = slots_take(s_clients_free);
-    if (index == -1) return nullptr;
+    if (s_clients_num >= s_max_client_num) return os_refuse(nullptr, "client num out");
 
-    ++s_clients_num;
-    return prepare_slot(index);
-}
-
-// False when the slot was free already.
-static bool release_slot(TcpClient* client)
-{
-    MutexGuard guard(&s_clients_mutex);
-    const int32 index = peek(client->index);
-    if (index == -1) return false;
-
-    put(client->index, -1);
-    slots_give(s_clients_free, static_cast<uint32>(index));
-    --s_clients_num;
-    return true;
+    TcpClient* client = take_slot(CLIENTS, -1);
+    if (!client) return nullptr;
+    client->create_type = 1;
+    return hand_out(CLIENTS, client);
 }
 
 // The status before tells whether there was anything to end.
@@ -77,7 +66,7 @@ static int32 end_connection(TcpClient* client)
 
     const int fd = peek(client->connectfd);
     put(client->status, DISCONNECTED);
-    loop_forget(fd);
+    forget(fd);
     close(fd);
     put(client->connectfd, -1);
     return before;
@@ -91,25 +80,19 @@ static void end_and_tell(TcpClient* client)
 
 int os_tcp_client_close(TcpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
-    MutexGuard guard(&s_main_mutex);
+    if (!client) return os_refuse(0, "client is null");
+    const MainGuard guard;
     end_and_tell(client);
     return 1;
 }
 
 int os_tcp_client_destroy(TcpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
-    MutexGuard guard(&s_main_mutex);
+    if (!client) return os_refuse(0, "client is null");
+    const MainGuard guard;
     end_and_tell(client);
     end_connection(client); // a disconnect callback may have opened it again
-    if (!release_slot(client)) {
+    if (!release_slot(CLIENTS, client)) {
         os_report("client: %x destroy err", static_cast<unsigned int>(reinterpret_cast<uintptr_t>(client)));
         exit(0);
     }
@@ -123,19 +106,10 @@ using PortField = uint16 TcpClient::*;
 
 static int set_address(TcpClient* client, IpField ip_field, PortField port_field, const char* ip, uint16 port)
 {
-    if (!client || !ip) {
-        os_report("client is null or ip is null");
-        return 0;
-    }
+    if (!client || !ip) return os_refuse(0, "client is null or ip is null");
     const size_t length = strnlen(ip, sizeof(client->*ip_field));
-    if (length >= sizeof(client->*ip_field)) {
-        os_report("ip length out");
-        return 0;
-    }
-    if (peek(client->status) != DISCONNECTED) {
-        os_report("client is not disconnect");
-        return 0;
-    }
+    if (length >= sizeof(client->*ip_field)) return os_refuse(0, "ip length out");
+    if (peek(client->status) != DISCONNECTED) return os_refuse(0, "client is not disconnect");
     memcpy(client->*ip_field, ip, length + 1);
     client->*port_field = port;
     return 1;
@@ -144,10 +118,7 @@ static int set_address(TcpClient* client, IpField ip_field, PortField port_field
 static int get_address(const TcpClient* client, IpField ip_field, PortField port_field, char* ip,
                        uint16* port)
 {
-    if (!client || !ip || !port) {
-        os_report("client is null or ip is null or port is NULL");
-        return 0;
-    }
+    if (!client || !ip || !port) return os_refuse(0, "client is null or ip is null or port is NULL");
     memcpy(ip, client->*ip_field, sizeof(client->*ip_field));
     *port = client->*port_field;
     return 1;
@@ -191,12 +162,9 @@ static void store_address(AskAddress ask, int fd, char (&ip)[16], uint16& port, 
 
 static int adopt(TcpClient* client, int sock)
 {
-    if (peek(client->connectfd) != -1) {
-        os_report("connectfd is not -1");
-        return 0;
-    }
+    if (peek(client->connectfd) != -1) return os_refuse(0, "connectfd is not -1");
     put(client->connectfd, sock);
-    begin_opening(client);
+    begin_opening(CLIENTS, client);
     put(client->status, CONNECTED);
     store_address(getpeername, sock, client->remote_ip, client->remote_port, "getpeername fail");
     store_address(getsockname, sock, client->local_ip, client->local_port, "getsockname fail");
@@ -226,10 +194,7 @@ static int open_outgoing(TcpClient* client)
 {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     put(client->connectfd, fd);
-    if (fd == -1) {
-        os_report_errno("socket fail");
-        return 0;
-    }
+    if (fd == -1) return os_refuse_errno(0, "socket fail");
     setnonblocking(fd);
     if (!bind_local(client, fd)) {
         os_report_errno("bind fail");
@@ -238,24 +203,18 @@ static int open_outgoing(TcpClient* client)
         return 0;
     }
 
-    const Opening<TcpClient> opening = begin_opening(client);
+    const Opening<TcpClient> opening = begin_opening(CLIENTS, client);
     put(client->status, CONNECTING);
     start_connect(client, fd);
     // Registered last: an idle socket would announce itself writable, and hung up, before it connects.
-    if (is_open(opening)) loop_watch(fd, WATCH_EDGES, event_value(opening));
+    if (is_open(opening)) watch(fd, WATCH_EDGES, event_value(opening));
     return 1;
 }
 
 int os_tcp_client_open(TcpClient* client, int sock)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
-    if (peek(client->status) != DISCONNECTED) {
-        os_report("client is not disconnect");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
+    if (peek(client->status) != DISCONNECTED) return os_refuse(0, "client is not disconnect");
     const CancelGuard whole;
     return sock == -1 ? open_outgoing(client) : adopt(client, sock);
 }
@@ -269,10 +228,7 @@ static size_t cut_to_int32(uint32 len)
 
 int32 os_tcp_client_send(TcpClient* client, char* data, uint32 len)
 {
-    if (!client || !data) {
-        os_report(client ? "data is null" : "client is null");
-        return -1;
-    }
+    if (!client || !data) return os_refuse(-1, client ? "data is null" : "client is null");
     const int32 status = peek(client->status);
     if (status != CONNECTED) return status == CONNECTING ? 0 : -1;
 
@@ -283,10 +239,7 @@ int32 os_tcp_client_send(TcpClient* client, char* data, uint32 len)
 
 int32 os_tcp_client_read(TcpClient* client, char* data, uint32 len)
 {
-    if (!client || !data) {
-        os_report(client ? "data is null" : "client is null");
-        return -1;
-    }
+    if (!client || !data) return os_refuse(-1, client ? "data is null" : "client is null");
     if (peek(client->status) != CONNECTED) return -1;
     if (len == 0) return 0; // a count of 0 would look like the peer's close
 
@@ -299,82 +252,56 @@ int32 os_tcp_client_read(TcpClient* client, char* data, uint32 len)
 
 int32 os_tcp_client_get_status(TcpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return -1;
-    }
+    if (!client) return os_refuse(-1, "client is null");
     return peek(client->status);
 }
 
 int os_tcp_client_set_udata(TcpClient* client, void* udata)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     put(client->udata, udata);
     return 1;
 }
 
 void* os_tcp_client_get_udata(TcpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return nullptr;
-    }
+    if (!client) return os_refuse(nullptr, "client is null");
     return peek(client->udata);
 }
 
 int os_tcp_client_bind_connect(TcpClient* client, OnClientConnectFunc func, void* udata)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     bind_callback(client->connect, client->connect_usr, func, udata);
     return 1;
 }
 
 int os_tcp_client_bind_disconnect(TcpClient* client, OnClientDisconnectFunc func, void* udata)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     bind_callback(client->disconnect, client->disconnect_usr, func, udata);
     return 1;
 }
 
 int os_tcp_client_bind_read(TcpClient* client, OnClientReadFunc func, void* udata)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     bind_callback(client->read, client->read_usr, func, udata);
     return 1;
 }
 
 int os_tcp_client_bind_write(TcpClient* client, OnClientWriteFunc func, void* udata)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     bind_callback(client->write, client->write_usr, func, udata);
     return 1;
 }
 
 int os_tcp_client_set_rcvbuf_len(TcpClient* client, int buf_len)
 {
-    if (!client) {
-        os_report("client == NULL");
-        return 0;
-    }
-    if (setsockopt(peek(client->connectfd), SOL_SOCKET, SO_RCVBUF, &buf_len, sizeof(buf_len)) != 0) {
-        os_report_errno("%s", "");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client == NULL");
+    if (setsockopt(peek(client->connectfd), SOL_SOCKET, SO_RCVBUF, &buf_len, sizeof(buf_len)) != 0)
+        return os_refuse_errno(0, "%s", "");
     return 1;
 }
 
@@ -393,7 +320,7 @@ static void finish_connect(const Opening<TcpClient>& opening, uint32 mask)
     if (OnClientConnectFunc func = peek(client->connect)) func(client, peek(client->connect_usr));
     if (is_open(opening)) tell_writable(client);
     if (mask & EPOLLIN && is_open(opening))
-        loop_rearm(peek(client->connectfd), WATCH_EDGES, event_value(opening));
+        watch_anew(peek(client->connectfd), WATCH_EDGES, event_value(opening));
 }
 
 // True when the connection has ended.
@@ -407,7 +334,7 @@ static bool discard_input(const Opening<TcpClient>& opening)
         if (got < 0) return errno != EAGAIN;
         total += static_cast<size_t>(got);
     }
-    loop_rearm(fd, WATCH_EDGES, event_value(opening));
+    watch_anew(fd, WATCH_EDGES, event_value(opening));
     return false;
 }
 
@@ -432,17 +359,22 @@ static void finish_connection(const Opening<TcpClient>& opening)
     if (!accepted || !holds_slot(opening)) return;
 
     end_connection(client); // a disconnect callback may have opened it again
-    release_slot(client);
+    release_slot(CLIENTS, client);
+}
+
+void watch_accepted(TcpClient* client)
+{
+    watch(peek(client->connectfd), WATCH_EDGES, event_value(opening_of(CLIENTS, client)));
 }
 
 void epoll_dispath_client(const Event& event)
 {
-    if (const char* why = stale_event(s_clients, s_max_client_num, event)) {
+    if (const char* why = stale_event(CLIENTS, event)) {
         os_report("%s", why);
         return;
     }
-    TcpClient* client = &s_clients[event.index];
-    const Opening<TcpClient> opening = opening_of(client, event);
+    const Opening<TcpClient> opening = opening_of(CLIENTS, event);
+    TcpClient* client = opening.slot;
     if (!is_open(opening)) return;
 
     if (event.mask & EPOLLOUT) {

@@ -6,7 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "libos_net.h"
+#include "libos_kinds.h"
+#include "libos_main_lock.h"
+#include "libos_socket.h"
+#include "libos_table.h"
+#include "libos_watch.h"
 
 // The device's layout, which callers built against earlier headers rely on.
 #define AT(field, offset) (offsetof(TcpServer, field) == (offset))
@@ -20,56 +24,40 @@ static_assert(sizeof(void*) != 4 ||
 static uint8 s_servers_rest[SLOTS_MAX];
 static uint32 s_servers_resting = 0;
 
-// ---- taking and releasing a slot
+static TcpServer* s_servers = nullptr;
+static uint32 s_max_server_num = 0, s_servers_num = 0, s_servers_session = 0;
+static LMutex s_servers_mutex;
+static SlotMap s_servers_free;
+static uint32* s_servers_opens = nullptr;
 
-static TcpServer* prepare_slot(int32 index)
+static constexpr Table<TcpServer> SERVERS = {KIND_SERVER,      &TcpServer::listenfd, s_servers,
+                                             s_max_server_num, s_servers_num,        s_servers_session,
+                                             s_servers_mutex,  s_servers_free,       s_servers_opens};
+
+bool make_servers(uint32 count)
 {
-    TcpServer* server = &s_servers[index];
-    clear_bytes(server, 0, offsetof(TcpServer, status));
-    clear_bytes(server, offsetof(TcpServer, accept), offsetof(TcpServer, listenfd));
-    server->type = KIND_SERVER;
-    strcpy(server->ip, "0.0.0.0");
-    put(server->status, 0);
-    put(server->listenfd, -1);
-    put(server->session, ++s_servers_session);
-    put(server->index, index);
-    return server;
+    return make_table(SERVERS, count, "s_servers_mutex", "TcpServer");
 }
+
+// ---- taking and releasing a slot
 
 TcpServer* os_tcp_server_create(void)
 {
     MutexGuard guard(&s_servers_mutex);
-    if (s_servers_num >= s_max_server_num) {
-        os_report("server num out");
-        return nullptr;
-    }
-    const int32 index = slots_take(s_servers_free);
-    if (index == -1) return nullptr;
+    if (s_servers_num >= s_max_server_num) return os_refuse(nullptr, "server num out");
 
-    ++s_servers_num;
-    return prepare_slot(index);
-}
-
-static void release_slot(TcpServer* server)
-{
-    MutexGuard guard(&s_servers_mutex);
-    const int32 index = peek(server->index);
-    if (index == -1) return;
-
-    put(server->index, -1);
-    slots_give(s_servers_free, static_cast<uint32>(index));
-    --s_servers_num;
+    TcpServer* server = take_slot(SERVERS, -1);
+    if (!server) return nullptr;
+    strcpy(server->ip, "0.0.0.0");
+    return hand_out(SERVERS, server);
 }
 
 int os_tcp_server_destroy(TcpServer* server)
 {
-    if (!server) {
-        os_report("server is NULL");
-        return 0;
-    }
-    MutexGuard guard(&s_main_mutex);
+    if (!server) return os_refuse(0, "server is NULL");
+    const MainGuard guard;
     os_tcp_server_close(server);
-    release_slot(server);
+    release_slot(SERVERS, server);
     return 1;
 }
 
@@ -82,7 +70,7 @@ static uint8& rest_of(const TcpServer* server)
 
 static void rest(TcpServer* server)
 {
-    loop_forget(peek(server->listenfd));
+    forget(peek(server->listenfd));
     if (!__atomic_exchange_n(&rest_of(server), uint8{1}, __ATOMIC_ACQ_REL))
         __atomic_add_fetch(&s_servers_resting, 1, __ATOMIC_ACQ_REL);
 }
@@ -95,20 +83,21 @@ static bool end_rest(const TcpServer* server)
     return true;
 }
 
-static void watch(TcpServer* server)
+static void listen_on(TcpServer* server)
 {
-    if (!loop_watch(peek(server->listenfd), WATCH_LISTEN, event_value(opening_of(server)))) rest(server);
+    if (!watch(peek(server->listenfd), WATCH_LISTEN, event_value(opening_of(SERVERS, server)))) rest(server);
 }
 
 void wake_resting_servers()
 {
     for (uint32 i = 0; i < s_max_server_num && peek(s_servers_resting); ++i)
-        if (end_rest(&s_servers[i])) watch(&s_servers[i]);
+        if (end_rest(&s_servers[i])) listen_on(&s_servers[i]);
 }
 
-void forget_resting_servers()
+void close_servers()
 {
     for (uint32 i = 0; i < s_max_server_num && peek(s_servers_resting); ++i) end_rest(&s_servers[i]);
+    close_taken(SERVERS, forget_and_close);
 }
 
 // ---- opening and closing
@@ -123,22 +112,13 @@ static int refuse_open(TcpServer* server, const char* message)
 
 int os_tcp_server_open(TcpServer* server)
 {
-    if (!server) {
-        os_report("server is NULL");
-        return 0;
-    }
-    if (peek(server->status) != 0) {
-        os_report("server is not dislisten");
-        return 0;
-    }
+    if (!server) return os_refuse(0, "server is NULL");
+    if (peek(server->status) != 0) return os_refuse(0, "server is not dislisten");
 
     const CancelGuard whole;
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     put(server->listenfd, fd);
-    if (fd == -1) {
-        os_report_errno("socket fail");
-        return 0;
-    }
+    if (fd == -1) return os_refuse_errno(0, "socket fail");
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     setnonblocking(fd);
@@ -147,9 +127,9 @@ int os_tcp_server_open(TcpServer* server)
         return refuse_open(server, "bind fail");
     if (listen(fd, INT_MAX) != 0) return refuse_open(server, "listen fail");
 
-    const Opening<TcpServer> opening = begin_opening(server);
+    const Opening<TcpServer> opening = begin_opening(SERVERS, server);
     put(server->status, 1);
-    loop_watch(fd, WATCH_LISTEN, event_value(opening));
+    watch(fd, WATCH_LISTEN, event_value(opening));
     return 1;
 }
 
@@ -158,18 +138,15 @@ static void stop_listening(TcpServer* server)
     const int fd = peek(server->listenfd);
     put(server->status, 0);
     end_rest(server);
-    loop_forget(fd);
+    forget(fd);
     close(fd);
     put(server->listenfd, -1);
 }
 
 int os_tcp_server_close(TcpServer* server)
 {
-    if (!server) {
-        os_report("server is NULL");
-        return 0;
-    }
-    MutexGuard guard(&s_main_mutex);
+    if (!server) return os_refuse(0, "server is NULL");
+    const MainGuard guard;
     if (peek(server->status) != 0)
         stop_listening(server);
     else
@@ -181,48 +158,46 @@ int os_tcp_server_close(TcpServer* server)
 
 int os_tcp_server_set_local(TcpServer* server, char* ip, uint16 port)
 {
-    if (!server) {
-        os_report("server is NULL");
-        return 0;
-    }
+    if (!server) return os_refuse(0, "server is NULL");
     server->port = port;
     if (!ip) return 1;
 
     const size_t length = strnlen(ip, sizeof(server->ip));
-    if (length >= sizeof(server->ip) || inet_addr(ip) == INADDR_NONE) {
-        os_report("ip is fail");
-        return 0;
-    }
+    if (length >= sizeof(server->ip) || inet_addr(ip) == INADDR_NONE) return os_refuse(0, "ip is fail");
     memcpy(server->ip, ip, length + 1);
     return 1;
 }
 
 int os_tcp_server_get_local(TcpServer* server, char* ip, uint16* port)
 {
-    if (!server || !ip || !port) {
-        os_report("server is NULL");
-        return 0;
-    }
+    if (!server || !ip || !port) return os_refuse(0, "server is NULL");
     memcpy(ip, server->ip, strlen(server->ip) + 1);
     *port = server->port;
     return 1;
 }
 
+int os_tcp_server_get_port(TcpServer* server, uint16* port)
+{
+    if (!server || !port) return os_refuse(0, "server is NULL");
+    if (peek(server->status) == 0) return os_refuse(0, "server is dislisten");
+
+    struct sockaddr_in address = {};
+    socklen_t length = sizeof(address);
+    if (getsockname(peek(server->listenfd), reinterpret_cast<struct sockaddr*>(&address), &length) != 0)
+        return os_refuse_errno(0, "getsockname fail");
+    *port = ntohs(address.sin_port);
+    return 1;
+}
+
 int32 os_tcp_server_get_status(TcpServer* server)
 {
-    if (!server) {
-        os_report("server is NULL");
-        return -1;
-    }
+    if (!server) return os_refuse(-1, "server is NULL");
     return peek(server->status);
 }
 
 int os_tcp_server_bind_accept(TcpServer* server, OnServerAcceptFunc func, void* udata)
 {
-    if (!server) {
-        os_report("server is NULL");
-        return 0;
-    }
+    if (!server) return os_refuse(0, "server is NULL");
     bind_callback(server->accept, server->accept_usr, func, udata);
     return 1;
 }
@@ -263,18 +238,17 @@ static void accept_one(TcpServer* server)
         os_report("os_tcp_client_open client fail");
         return;
     }
-    loop_watch(fd, WATCH_EDGES, event_value(opening_of(client)));
+    watch_accepted(client);
     if (OnServerAcceptFunc func = peek(server->accept)) func(server, client, peek(server->accept_usr));
 }
 
 void epoll_dispath_server(const Event& event)
 {
-    if (const char* why = stale_event(s_servers, s_max_server_num, event)) {
+    if (const char* why = stale_event(SERVERS, event)) {
         os_report("%s", why);
         return;
     }
-    TcpServer* server = &s_servers[event.index];
-    const Opening<TcpServer> opening = opening_of(server, event);
-    if (event.mask & EPOLLIN) accept_one(server);
-    if (event.mask & EPOLLOUT && is_open(opening)) stop_listening(server);
+    const Opening<TcpServer> opening = opening_of(SERVERS, event);
+    if (event.mask & EPOLLIN) accept_one(opening.slot);
+    if (event.mask & EPOLLOUT && is_open(opening)) stop_listening(opening.slot);
 }

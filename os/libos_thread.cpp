@@ -8,10 +8,7 @@ static const size_t DEFAULT_STACK = 1048576;
 
 int os_mutex_init(LMutex* mutex, int recursive)
 {
-    if (!mutex) {
-        os_report("mutex is null");
-        return 0;
-    }
+    if (!mutex) return os_refuse(0, "mutex is null");
 
     pthread_mutexattr_t kind;
     if (pthread_mutexattr_init(&kind) != 0) return 0;
@@ -24,10 +21,7 @@ int os_mutex_init(LMutex* mutex, int recursive)
 LMutex* os_mutex_create(int recursive)
 {
     LMutex* mutex = static_cast<LMutex*>(malloc(sizeof(LMutex)));
-    if (!mutex) {
-        os_report("mutex is null");
-        return nullptr;
-    }
+    if (!mutex) return os_refuse(nullptr, "mutex is null");
     if (!os_mutex_init(mutex, recursive)) {
         os_report("!os_mutex_init(mutex, recursive)");
         free(mutex);
@@ -38,10 +32,7 @@ LMutex* os_mutex_create(int recursive)
 
 int os_mutex_destroy(LMutex* mutex)
 {
-    if (!mutex) {
-        os_report("mutex is null");
-        return 0;
-    }
+    if (!mutex) return os_refuse(0, "mutex is null");
     return pthread_mutex_destroy(&mutex->mutex) == 0;
 }
 
@@ -54,19 +45,13 @@ int os_mutex_free(LMutex* mutex)
 
 int os_mutex_lock(LMutex* mutex)
 {
-    if (!mutex) {
-        os_report("mutex is null");
-        return 0;
-    }
+    if (!mutex) return os_refuse(0, "mutex is null");
     return pthread_mutex_lock(&mutex->mutex) == 0;
 }
 
 int os_mutex_unlock(LMutex* mutex)
 {
-    if (!mutex) {
-        os_report("mutex is null");
-        return 0;
-    }
+    if (!mutex) return os_refuse(0, "mutex is null");
     return pthread_mutex_unlock(&mutex->mutex) == 0;
 }
 
@@ -85,10 +70,7 @@ static int create_with_stack(LThread* thr, size_t stack_size, ThreadStartFunc st
 
 int os_thread_create(LThread* thr, uint32 stack_size, ThreadStartFunc start, void* arg)
 {
-    if (!thr) {
-        os_report("thr is null");
-        return 0;
-    }
+    if (!thr) return os_refuse(0, "thr is null");
 
     const int error = create_with_stack(thr, stack_size ? stack_size : DEFAULT_STACK, start, arg);
     if (error) {
@@ -101,19 +83,13 @@ int os_thread_create(LThread* thr, uint32 stack_size, ThreadStartFunc start, voi
 
 int os_thread_join(LThread* thr)
 {
-    if (!thr) {
-        os_report("thr is null");
-        return 0;
-    }
+    if (!thr) return os_refuse(0, "thr is null");
     return pthread_join(thr->thr, nullptr) == 0;
 }
 
 int os_thread_detach(LThread* thr)
 {
-    if (!thr) {
-        os_report("thr is null");
-        return 0;
-    }
+    if (!thr) return os_refuse(0, "thr is null");
     return pthread_detach(thr->thr) == 0;
 }
 

@@ -1,14 +1,20 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "libos_net.h"
+#include "libos_kinds.h"
 
 static const uint32 TICK_MS = 1000;
 
-DList* s_timer_ls = nullptr;
+static DList* s_timer_ls = nullptr;
 
 // Where the walk goes on. A timer function may destroy any timer, also this one; list lock.
 static DListNode* s_walk_next = nullptr;
+
+bool make_timers()
+{
+    s_timer_ls = adt_dlist_create(sizeof(void*));
+    return s_timer_ls || os_refuse(false, "adt_dlist_create s_timer_ls fail");
+}
 
 static LTimer* timer_in(DListNode* node)
 {
@@ -49,10 +55,7 @@ LTimer* os_timer_create(OnTimerFunc func, uint32 tm, void* cxt)
 {
     const CancelGuard whole;
     LTimer* timer = static_cast<LTimer*>(malloc(sizeof(LTimer)));
-    if (!timer) {
-        os_report("malloc fail");
-        return nullptr;
-    }
+    if (!timer) return os_refuse(nullptr, "malloc fail");
     *timer = {func, tm, cxt, 0, nullptr};
     if (!insert_timer(timer)) os_report_exit("%s", "");
     return timer;
@@ -67,10 +70,7 @@ static int remove_timer(LTimer* timer)
 
 int os_timer_destroy(LTimer* timer)
 {
-    if (!timer) {
-        os_report("timer is null");
-        return 0;
-    }
+    if (!timer) return os_refuse(0, "timer is null");
     if (!remove_timer(timer)) return 0;
 
     free(timer);

@@ -8,7 +8,11 @@
 
 #include <algorithm>
 
-#include "libos_net.h"
+#include "libos_kinds.h"
+#include "libos_main_lock.h"
+#include "libos_socket.h"
+#include "libos_table.h"
+#include "libos_watch.h"
 
 // The device's layout, which callers built against earlier headers rely on.
 #define AT(field, offset) (offsetof(UdpClient, field) == (offset))
@@ -18,88 +22,67 @@ static_assert(sizeof(void*) != 4 ||
                sizeof(UdpClient) == 56));
 #undef AT
 
-// ---- taking and releasing a slot
+static UdpClient* s_udps = nullptr;
+static uint32 s_max_udp_num = 0, s_udps_num = 0, s_udps_session = 0;
+static LMutex s_udps_mutex;
+static SlotMap s_udps_free;
+static uint32* s_udps_opens = nullptr;
 
-static UdpClient* prepare_slot(int32 index, int fd)
+static constexpr Table<UdpClient> UDPS = {KIND_UDP,      &UdpClient::fd, s_udps,
+                                          s_max_udp_num, s_udps_num,     s_udps_session,
+                                          s_udps_mutex,  s_udps_free,    s_udps_opens};
+
+bool make_udps(uint32 count)
 {
-    UdpClient* client = &s_udps[index];
-    clear_bytes(client, 0, offsetof(UdpClient, status));
-    clear_bytes(client, offsetof(UdpClient, udata), offsetof(UdpClient, fd));
-    client->type = KIND_UDP;
-    put(client->fd, fd);
-    put(client->status, 0);
-    put(client->session, ++s_udps_session);
-    put(client->index, index);
-    return client;
+    return make_table(UDPS, count, "s_udps_mutex", "UdpClient");
 }
 
-static UdpClient* take_slot()
+void close_udps()
+{
+    close_taken(UDPS, forget_and_close);
+}
+
+// ---- taking and releasing a slot
+
+static UdpClient* take_udp()
 {
     MutexGuard guard(&s_udps_mutex);
-    if (s_udps_num >= s_max_udp_num) {
-        os_report("udp num out:udps:%d,max udp:%d", s_udps_num, s_max_udp_num);
-        return nullptr;
-    }
+    if (s_udps_num >= s_max_udp_num)
+        return os_refuse(nullptr, "udp num out:udps:%d,max udp:%d", s_udps_num, s_max_udp_num);
+
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd == -1) {
-        os_report("socket fail");
-        return nullptr;
-    }
-    const int32 index = slots_take(s_udps_free);
-    if (index == -1) {
-        close(fd);
-        return nullptr;
-    }
-    ++s_udps_num;
-    return prepare_slot(index, fd);
+    if (fd == -1) return os_refuse(nullptr, "socket fail");
+    UdpClient* client = take_slot(UDPS, fd);
+    if (client) return hand_out(UDPS, client);
+    close(fd);
+    return nullptr;
 }
 
 // Behind the lock, since a failure there ends the process: what runs then may want the table.
 UdpClient* os_udp_client_create(void)
 {
-    UdpClient* client = take_slot();
+    UdpClient* client = take_udp();
     if (client) setnonblocking(client->fd);
     return client;
 }
 
-// False when the slot was free already.
-static bool release_slot(UdpClient* client)
-{
-    MutexGuard guard(&s_udps_mutex);
-    const int32 index = peek(client->index);
-    if (index == -1) return false;
-
-    put(client->index, -1);
-    close(peek(client->fd));
-    put(client->fd, -1);
-    slots_give(s_udps_free, static_cast<uint32>(index));
-    --s_udps_num;
-    return true;
-}
-
 int os_udp_client_close(UdpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
-    MutexGuard guard(&s_main_mutex);
+    if (!client) return os_refuse(0, "client is null");
+    const MainGuard guard;
     if (peek(client->status) != 0) {
         put(client->status, 0);
-        loop_forget(peek(client->fd));
+        forget(peek(client->fd));
     }
     return 1;
 }
 
 int os_udp_client_destroy(UdpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
-    MutexGuard guard(&s_main_mutex);
+    if (!client) return os_refuse(0, "client is null");
+    const MainGuard guard;
     os_udp_client_close(client);
-    if (!release_slot(client)) {
+    if (!release_slot(UDPS, client)) {
         os_report("client: %x destroy err", static_cast<unsigned int>(reinterpret_cast<uintptr_t>(client)));
         exit(0);
     }
@@ -110,15 +93,9 @@ int os_udp_client_destroy(UdpClient* client)
 
 int os_udp_client_set_local(UdpClient* client, char* ip, uint16 port)
 {
-    if (!client || !ip) {
-        os_report("client is null or ip is null");
-        return 0;
-    }
+    if (!client || !ip) return os_refuse(0, "client is null or ip is null");
     const size_t length = strnlen(ip, sizeof(client->local_ip));
-    if (length >= sizeof(client->local_ip)) {
-        os_report("ip length out");
-        return 0;
-    }
+    if (length >= sizeof(client->local_ip)) return os_refuse(0, "ip length out");
     memcpy(client->local_ip, ip, length + 1);
     client->local_port = port;
     return 1;
@@ -126,43 +103,33 @@ int os_udp_client_set_local(UdpClient* client, char* ip, uint16 port)
 
 int os_udp_client_get_local(UdpClient* client, char* ip, uint16* port)
 {
-    if (!client || !ip || !port) {
-        os_report("client is null or ip is null or port is null");
-        return 0;
-    }
+    if (!client || !ip || !port) return os_refuse(0, "client is null or ip is null or port is null");
     memcpy(ip, client->local_ip, strlen(client->local_ip) + 1);
     *port = client->local_port;
     if (*port != 0) return 0;
 
     struct sockaddr_in address = {};
     socklen_t length = sizeof(address);
-    if (getsockname(peek(client->fd), reinterpret_cast<struct sockaddr*>(&address), &length) != 0) {
-        os_report("getsockname failed!");
-        return -1;
-    }
+    if (getsockname(peek(client->fd), reinterpret_cast<struct sockaddr*>(&address), &length) != 0)
+        return os_refuse(-1, "getsockname failed!");
     *port = ntohs(address.sin_port);
     return 0;
 }
 
 int os_udp_client_open(UdpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     const int fd = peek(client->fd);
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     const struct sockaddr_in address = socket_address(local_ip_number(client->local_ip), client->local_port);
-    if (bind(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0) {
-        os_report_errno("bind fail");
-        return 0;
-    }
+    if (bind(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0)
+        return os_refuse_errno(0, "bind fail");
 
     // The status comes first: the loop drops what is announced for a closed slot, and an edge comes once.
-    const Opening<UdpClient> opening = begin_opening(client);
+    const Opening<UdpClient> opening = begin_opening(UDPS, client);
     put(client->status, 1);
-    loop_watch(fd, WATCH_EDGES, event_value(opening));
+    watch(fd, WATCH_EDGES, event_value(opening));
     return 1;
 }
 
@@ -170,10 +137,8 @@ int os_udp_client_open(UdpClient* client)
 
 int32 os_udp_client_send(UdpClient* client, char* data, uint32 len, char* ip, uint16 port)
 {
-    if (!client || !data || !ip) {
-        os_report(!client ? "client is null" : !data ? "data is null" : "ip is null");
-        return -1;
-    }
+    if (!client || !data || !ip)
+        return os_refuse(-1, !client ? "client is null" : !data ? "data is null" : "ip is null");
     const struct sockaddr_in address = socket_address(inet_addr(ip), port);
     const ssize_t sent = sendto(peek(client->fd), data, len, MSG_NOSIGNAL | MSG_DONTWAIT,
                                 reinterpret_cast<const struct sockaddr*>(&address), sizeof(address));
@@ -183,10 +148,8 @@ int32 os_udp_client_send(UdpClient* client, char* data, uint32 len, char* ip, ui
 
 int32 os_udp_client_read(UdpClient* client, char* data, uint32 len, char* ip, uint16* port)
 {
-    if (!client || !data || !ip || !port) {
-        os_report("client is null or data is null or ip is null or port is null");
-        return -1;
-    }
+    if (!client || !data || !ip || !port)
+        return os_refuse(-1, "client is null or data is null or ip is null or port is null");
     struct sockaddr_in address = {};
     socklen_t length = sizeof(address);
     const ssize_t got = recvfrom(peek(client->fd), data, std::min<uint32>(len, INT32_MAX), MSG_DONTWAIT,
@@ -206,48 +169,33 @@ int32 os_udp_client_read(UdpClient* client, char* data, uint32 len, char* ip, ui
 
 int32 os_udp_client_get_status(UdpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return -1;
-    }
+    if (!client) return os_refuse(-1, "client is null");
     return peek(client->status);
 }
 
 int os_udp_client_set_udata(UdpClient* client, void* udata)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     put(client->udata, udata);
     return 1;
 }
 
 void* os_udp_client_get_udata(UdpClient* client)
 {
-    if (!client) {
-        os_report("client is null");
-        return nullptr;
-    }
+    if (!client) return os_refuse(nullptr, "client is null");
     return peek(client->udata);
 }
 
 int os_udp_client_bind_read(UdpClient* client, OnUdpClientReadFunc func, void* udata)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     bind_callback(client->read, client->read_usr, func, udata);
     return 1;
 }
 
 int os_udp_client_bind_write(UdpClient* client, OnUdpClientWriteFunc func, void* udata)
 {
-    if (!client) {
-        os_report("client is null");
-        return 0;
-    }
+    if (!client) return os_refuse(0, "client is null");
     bind_callback(client->write, client->write_usr, func, udata);
     return 1;
 }
@@ -256,12 +204,12 @@ int os_udp_client_bind_write(UdpClient* client, OnUdpClientWriteFunc func, void*
 
 void epoll_dispath_udp(const Event& event)
 {
-    if (const char* why = stale_event(s_udps, s_max_udp_num, event)) {
+    if (const char* why = stale_event(UDPS, event)) {
         os_report("%s", why);
         return;
     }
-    UdpClient* client = &s_udps[event.index];
-    const Opening<UdpClient> opening = opening_of(client, event);
+    const Opening<UdpClient> opening = opening_of(UDPS, event);
+    UdpClient* client = opening.slot;
     if (!is_open(opening)) return;
 
     if (event.mask & EPOLLOUT) {

@@ -1,4 +1,3 @@
-#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -6,10 +5,6 @@
 #include "Quorlin_internal.h"
 #include "Quorlin_running.h"
 #include "Quorlin_window.h"
-
-static const unsigned char FLAG[4] = {0, 0, 0, 2};
-static const int ANY_FRAME = 0;
-static const int KEY_FRAME = 1;
 
 // How a conversion ended: the value of m_iPosition, and its text.
 struct Outcome
@@ -26,60 +21,7 @@ static const Outcome NO_MEMORY_LATER = {-3, "140217====9999"};
 static const Outcome NO_KEY_FRAME = {-4, "140217====8888"};
 static const Outcome CANCELLED = {-5, nullptr};
 
-// ---- finding frames
-// -----------------------------------------------------------------------------------------
-
-static bool is_wanted_header(LPBYTE at, int kind)
-{
-    if (memcmp(at, FLAG, sizeof(FLAG)) != 0 || !IsValidFrmHeader(at)) return false;
-    return kind == ANY_FRAME || (kind == KEY_FRAME && at[offsetof(S_FrameHeader, u8FrameType)] == 0);
-}
-
-BOOL FindFrame(LPBYTE _pDataBuf, int _iBufSize, int* _iFramePos, int _iCase)
-{
-    if (!_pDataBuf || !_iFramePos || _iBufSize < static_cast<int>(FRAME_HEADER_SIZE)) return 0;
-
-    // The flag's last byte is the rare one, so it leads from candidate to candidate.
-    LPBYTE const end = _pDataBuf + _iBufSize - FRAME_HEADER_SIZE + sizeof(FLAG);
-    LPBYTE last = _pDataBuf + sizeof(FLAG) - 1;
-    while (last < end) {
-        last = static_cast<LPBYTE>(memchr(last, FLAG[3], static_cast<size_t>(end - last)));
-        if (!last) return 0;
-        LPBYTE const start = last - (sizeof(FLAG) - 1);
-        if (is_wanted_header(start, _iCase)) {
-            *_iFramePos = static_cast<int>(start - _pDataBuf);
-            return 1;
-        }
-        ++last;
-    }
-    return 0;
-}
-
-// ---- the file header
-// ----------------------------------------------------------------------------------------
-
-int HeaderChange(void)
-{
-    TSdv2Avi& job = g_tSdv2Avi;
-    if (static_cast<int32_t>(job.m_Header.SamplesPerSec) == job.m_iAudioSampleRate) return 0;
-
-    const int32_t rate = static_cast<int32_t>(job.m_Header.SamplesPerSec);
-    const int32_t channels = job.m_Header.AChannels;
-    const bool known = rate == 8000 || rate == 16000 || rate == 32000 || rate == 48000;
-    job.m_iAudioSampleRate = known ? rate : 8000;
-    job.m_iAudioChannel = channels == 1 || channels == 2 ? channels : 1;
-    return 0;
-}
-
-static void complete_audio_defaults(S_FileHeader& header)
-{
-    if (header.AChannels == 0 || header.AChannels == 255) header.AChannels = 1;
-    if (header.BitsPerSample == 0 || header.BitsPerSample == 255) header.BitsPerSample = 16;
-    if (header.SamplesPerSec == 0 || header.SamplesPerSec == 0xFFFFFFFF) header.SamplesPerSec = 8000;
-}
-
 // ---- the frame loop
-// -----------------------------------------------------------------------------------------
 
 struct Progress
 {
@@ -92,7 +34,9 @@ static void advance(Progress& progress, uint32_t size)
     progress.converted += size;
     double ratio = static_cast<double>(progress.converted) / static_cast<double>(progress.total);
     if (ratio * 100 >= 100) ratio = 0.99;
-    publish(g_tSdv2Avi.m_iPosition, static_cast<int32_t>(ratio * 100));
+    const int32_t percent = static_cast<int32_t>(ratio * 100);
+    publish(g_tSdv2Avi.m_iPosition, percent);
+    note_progress(percent);
 }
 
 enum class Step
@@ -130,7 +74,10 @@ static Step convert_frame(ReadWindow& window, Progress& progress)
         return next_or_end(window);
     }
     fill = fill_window(window, size);
-    if (fill != Fill::enough) return stop_before(window, fill);
+    if (fill != Fill::enough) {
+        note_cut_off(window_position(window));
+        return stop_before(window, fill);
+    }
 
     unsigned char* frame = window.bytes + window.at;
     window.at += size;
@@ -178,7 +125,7 @@ static Outcome convert(TSdv2Avi& job)
     if (!open_input(input, job.m_szInputPath)) return NO_INPUT;
 
     if (!read_file_header(input, job.m_Header)) return NO_INPUT;
-    complete_audio_defaults(job.m_Header);
+    CompleteFileHeader(&job.m_Header);
     HeaderChange();
     if (is_same_file(job.m_szInputPath, job.m_szOutputPath)) return NO_OUTPUT;
 
@@ -211,6 +158,6 @@ void* ThreadChangeProc(void*)
     const CancelGuard whole;
     begin_conversion();
     convert_in_thread();
-    end_conversion();
+    end_conversion(observe(g_tSdv2Avi.m_iPosition));
     return nullptr;
 }
