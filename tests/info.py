@@ -57,11 +57,13 @@ def figures():
 
 
 def frames():
-    first, second, third = json.loads(info("--json", "--frames", "plain.sdv", ODD_NAME, "noise.sdv", code=3))
+    first, second, third = json.loads(info("--json", "--frames", "plain.sdv", ODD_NAME, "noise.sdv", code=5))
     ends = [88] + [f["offset"] + f["size"] for f in first["frameList"]]
     expect("frames listed", [(f["number"], f["offset"]) for f in first["frameList"]], [*enumerate(ends[:-1], 1)])
     expect("number and end of frames", (len(ends), ends[-1]), (101, first["size"]))
-    expect("name", second["file"], os.fsencode(ODD_NAME).decode(errors="replace"))
+    expect("name", [second["file"], bytes.fromhex(second["file_hex"])],
+           [os.fsencode(ODD_NAME).decode(errors="replace"), os.fsencode(ODD_NAME)])
+    assert "file_hex" not in first, "the bytes of a name that is text"
     expect("fates", {f["fate"] for f in second["frameList"]}, {"encrypted, without a key"})
     expect("no recording", third["error"], "noise.sdv: is no SDV recording")
     lines = info("--frames", "plain.sdv").splitlines()
@@ -72,8 +74,10 @@ def keys():
     make("other.sdv", "--key", OTHER_KEY)
     Path("both.sdv").write_bytes(Path(ODD_NAME).read_bytes() + Path("other.sdv").read_bytes()[88:])
     for fits, code, name, *key in (("yes", 7, ODD_NAME, "--key", KEY), ("partly", 5, "both.sdv", "--key", KEY),
-                                   ("no", 5, ODD_NAME, "--key", OTHER_KEY), ("not given", 7, ODD_NAME)):
-        expect("the key fits", at(json.loads(info("--json", name, *key, code=code)), "encryption/keyFits"), fits)
+                                   ("no", 5, ODD_NAME, "--key", OTHER_KEY), ("not given", 5, ODD_NAME)):
+        told = json.loads(info("--json", name, *key, code=code))
+        expect("the key fits", (at(told, "encryption/keyFits"), told["state"], "key" in told["verdict"]),
+               (fits, "lost" if fits == "yes" else "needs_key", fits != "yes"))
 
 
 def codes():
@@ -84,13 +88,32 @@ def codes():
                             (7, [ODD_NAME, "plain.sdv", *keyed]), (1, [ODD_NAME, "missing.sdv", "noise.sdv"]),
                             (2, ["--report", "a.html", "plain.sdv", "noise.sdv"]),
                             (2, ["--report", "plain.sdv", "plain.sdv", "--overwrite"]),
-                            (6, ["--report", "noise.sdv", "plain.sdv"]), (6, ["--report", "no/a.html", "plain.sdv"])):
+                            (8, ["--report", "noise.sdv", "plain.sdv"]), (6, ["--report", "no/a.html", "plain.sdv"])):
         info(*arguments, code=code)
     assert files() == before, "files came, went or changed"
     os.symlink("plain.sdv", "\033[31m\x9b.sdv")
     assert not {"\033", "\x9b"} & {*info("\033[31m\x9b.sdv")}, "colour without a terminal"
     Path("headers.sdv").write_bytes(Path("plain.sdv").read_bytes()[:88])
-    assert "but no frame in it" in info("headers.sdv").splitlines()[0]
+    plain = Path("plain.sdv").read_bytes()
+    for name, data, code, said in (("headers.sdv", plain[:88], 4, "no frame in it"),
+                                   ("plain.sdv", plain, 0, "nothing lost of 4.0 s; plays"),
+                                   ("missing.sdv", plain[:88] + plain[-88000:], 7, "2.0 s of 4.0 s lost; plays; 1 damaged")):
+        Path(name).write_bytes(data)
+        assert said in info(name, code=code).splitlines()[0], info(name, code=code)
+
+
+def lost_headers():
+    """An empty file, no recording and a lost header are told apart; another recording's header brings the frames."""
+    plain = Path("plain.sdv").read_bytes()
+    for data, code in (b"", "empty_file"), (b"\x55" * 200, "no_recording"), (plain[88:], "header_lost"), \
+                      (b"\x55" * 88 + plain[88:], "header_lost"):
+        Path("it.sdv").write_bytes(data)
+        expect("code", json.loads(info("--json", "it.sdv", code=3))["code"], code)
+        rescued = code == "header_lost"
+        told = json.loads(info("--json", "it.sdv", "--like", "plain.sdv", code=7 if rescued else 3))
+        expect("frames", at(told, "frames/recorded") if rescued else 0, 100 if rescued else 0)
+        expect("damage", told["damage"]["list"] if rescued else [], [])
+        expect("date", told["header"]["start"] if rescued else "0000-00-00 00:00:00", "0000-00-00 00:00:00")
 
 
 def unreadable():
@@ -137,10 +160,12 @@ def page():
     count = lambda column: sum(row[column] > 0 for row in bins)
     expect("bars", Counter(re.findall(r'<rect class="(\w+)" x=', shown)),
            {"key": count("keyFrames"), "audio": count("audioSlots"), "damage": count("damage"),
-            "missing": count("missing"), "frame": len(bins) - count("keyFrames") + len(tree["seconds"]["bins"]),
-            "hit": len(bins) + len(tree["seconds"]["bins"])})
+            "missing": count("missing"), "frame": count("frames") - count("keyFrames") + len(tree["seconds"]["bins"]),
+            "hit": count("frames") + len(tree["seconds"]["bins"])})
     expect("rows", Counter(re.findall(r'<tr class="(\w+)"', shown)),
            {"place": tree["damage"]["places"], "jump": tree["numbering"]["gaps"]})
+    assert re.search(r"<footer>sdvinfo \S+, \d{4}-\d\d-\d\d \d\d:\d\d \S+</footer>", shown), "no date"
+    assert f">{html.escape(tree['verdict'])}</p>" in shown, "no verdict"
     # On a phone nothing lies beside the screen.
     Path("phone.html").write_text(PHONE)
     assert re.search(r"<p>(3\d\d) of \1</p>", browse("phone.html")), "wider than a phone"
@@ -150,5 +175,5 @@ if __name__ == "__main__":
     if CHROMIUM and CHROMIUM[0].endswith("NOTFOUND"):
         print("skipped: no chromium to look at the page with")
         sys.exit(77)
-    checks = (page,) if CHROMIUM else (figures, frames, keys, codes, unreadable)
+    checks = (page,) if CHROMIUM else (figures, frames, keys, codes, lost_headers, unreadable)
     go_through([(check.__name__, check) for check in checks], prepare)

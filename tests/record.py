@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """sdvrecord, with a plain socket as its camera.
 
-    record.py SDVMAKE SDV2AVI AVICHECK DATA_DIR SDVRECORD
+    record.py SDVMAKE SDV2AVI AVICHECK DATA_DIR SDVRECORD SHIM
 """
 import contextlib
 import json
@@ -16,11 +16,12 @@ import subprocess
 import sys
 import threading
 import time
+from errno import EOPNOTSUPP
 from pathlib import Path
 
 from checks import AVICHECK, DATA, KEY, SDV2AVI, TONE, expect, go_through, make, pictures, run as run_tool
 
-SDVRECORD = Path(sys.argv[5]).resolve()
+SDVRECORD, SHIM = [Path(path).resolve() for path in sys.argv[5:7]]
 START = "20260309-140559"
 TIMEOUT = 30
 
@@ -119,10 +120,13 @@ def odd_pieces():
 
 
 def one_at_a_time():
-    """And that one to the last byte, although it sends faster than is read in one go; then the next."""
+    """And that one to the last byte, although it sends faster than is read in one go; then the next. Nobody reads."""
     stream, avi = recording()
     files = [f"{START}-2.avi", f"{START}.avi"]
-    with Run() as run:
+    with Run("--json") as run:
+        unread = os.open(f"/proc/self/fd/{run.stdout.fileno()}", os.O_WRONLY | os.O_NONBLOCK)
+        os.write(unread, bytes(1 << 20))
+        os.close(unread)
         with run.connect() as camera:
             camera.sendall(stream[:50])
             run.refuse()
@@ -131,8 +135,13 @@ def one_at_a_time():
         run.until("the file", lambda: run.names() == files[1:])
         run.send(stream)
         run.until("another file", lambda: run.names() == files)
-        run.send_signal(signal.SIGINT)
-        run.end(0)
+        with run.connect() as camera:  # whose file is another's when it is to get its name
+            camera.sendall(stream[:100_000])
+            run.written(run.out / f"{START}-3.avi.part")
+            Path("stranger").write_bytes(b"another's")
+            os.replace("stranger", run.out / f"{START}-3.avi.part")
+            run.send_signal(signal.SIGINT)
+            run.end(6, sorted([*files, f"{START}-3.avi.part"]))
         assert run.log().count("refused") == 1 and run.pictures() == 4200, run.log()
 
 
@@ -175,6 +184,8 @@ def calling():
                     file = run.event("file")
                     expect("file", (file["pictures"], file["bytes"], file["report"]["frames_recorded"]),
                            (frames, len(avi), frames))
+            server.close()
+            assert run.event("unreachable")["next_call"] < 8, "the pause stays long"
             run.send_signal(signal.SIGTERM)
             assert run.event("stopped")["files"] == 2
             run.end(0)
@@ -260,10 +271,11 @@ def long_repair():
             expect(what, "interrupted" in run.event("not_repaired")["what"], True)
             run.end(0)
         os.truncate(part, size)
+    shutil.copy("a.avi", part.with_name(part.stem))  # somebody else's
     with Run("--once") as run:
         run.send(stream)
-        run.end(0, [f"{START}{number}.avi" for number in ("-2", "-3", "-4", "")])
-        assert 330 < run.pictures() < 370, f"{run.pictures()} pictures"
+        run.end(0, [f"{START}{number}.avi" for number in ("-2", "-3", "-4", "-5", "")])
+        assert 430 < run.pictures() < 470, f"{run.pictures()} pictures"
 
 
 def little_memory():
@@ -304,6 +316,7 @@ def failing_disk():
                 stage.append("refused")
             elif stage == ["refused"] and "cannot be finished" in run.log():
                 assert names() == [] and part.exists(), run.names()
+                assert "being written" in run_tool(AVICHECK, "--repair", part, code=1).stderr
                 takes(room)
                 stage.append("taken")
             return len(stage) == 2 and "recording goes on" in run.log() and len(names()) == 1
@@ -334,21 +347,24 @@ def full_disk():
         return
     with contextlib.ExitStack() as at_end:
         at_end.callback(run_tool, "umount", "disk")
-        Path("disk/other").write_bytes(bytes((8 << 20) - (160 << 10)))
-        with Run(out="disk") as run:
-            send_on(run, stream, lambda: "no room" in run.log() and f"{START}.avi" in run.names())
-            assert [name for name in run.names() if name.endswith("part")] == [], run.names()
-            Path("disk/other").unlink()
-            send_on(run, stream, lambda: "recording goes on" in run.log())
-            run.stop()
-            assert run.pictures() > 20, run.names()
+        for env in {}, {"LD_PRELOAD": str(SHIM), "FAULT": f"fallocate:*:{EOPNOTSUPP}"}:
+            Path("disk/other").write_bytes(bytes((8 << 20) - (1184 << 10)))
+            with Run(out="disk", env=env) as run:
+                send_on(run, stream, lambda: "no room" in run.log() and f"{START}.avi" in run.names())
+                assert [name for name in run.names() if name.endswith("part")] == [], run.names()
+                Path("disk/other").unlink()
+                send_on(run, stream, lambda: "recording goes on" in run.log())
+                run.stop()
+                assert run.pictures() > 20, run.names()
+            for path in run.out.iterdir():
+                path.unlink()
 
 
 def messages_unread():
     """Nobody reads standard error, and strangers knock: the recording goes on, and ends when it is to."""
     stream, avi = recording()
     reader, writer = os.pipe()
-    os.write(writer, bytes(60_000))
+    os.write(writer, bytes(65536))
     with Run("--json", log=writer) as run, run.connect() as camera:
         camera.sendall(stream[:50])
         run.event("connected")
@@ -371,10 +387,10 @@ def place():
     """Who keeps the place without frames loses it, and at once to the same camera; a slow one keeps it."""
     stream, avi = recording()
     with Run("--idle", "2") as run, run.connect() as slow:
-        slow.sendall(stream[:1000])
-        for at in range(1000, 5000, 800):  # the first frame, at a kilobyte a second and a little more
+        slow.sendall(stream[:100])
+        for at in range(100, 5000, 700):  # the first frame, at a kilobyte a second and a little more
             time.sleep(0.5)
-            slow.sendall(stream[at : at + 800])
+            slow.sendall(stream[at : at + 700])
         assert "has gone" not in run.log(), run.log()
         def is_sent_away():
             with contextlib.suppress(ConnectionError):
@@ -385,9 +401,10 @@ def place():
         dead.sendall(stream[:1000])
         run.until("a camera", lambda: "is connected" in run.log())
         time.sleep(2.1)
+        run.refuse()
         run.send(stream)
         run.until("its file", lambda: run.names() == [f"{START}.avi"])
-        assert "called anew" in run.log() and "refused" not in run.log(), run.log()
+        assert "called anew" in run.log() and run.log().count("refused") == 1, run.log()
 
 
 def nothing():
@@ -399,6 +416,58 @@ def nothing():
             run.send(data)
             run.end(code, [])
             assert KEY not in run.log() and KEY[::-1] not in run.log()
+    for options in ("--out", "-"), ("--out", "out", "--key-file", "-"):
+        assert "standard input" in run_tool(SDVRECORD, "--listen", "127.0.0.1:0", *options, code=2).stderr
+
+
+def left_out():
+    """What is in no file is told, with its cause, while the camera is there, and in the sums. No file but ours is touched."""
+    (plain, avi), (secret, _) = recording(), recording("--key", KEY)
+    frames, enciphered = ([stream[at:end] for at, end in bounds(stream)] for stream in (plain, secret))
+    head, others = plain[:88], [frame for frame in frames if frame[8]]
+    mixed = b"".join(b if a[8] else a for a, b in zip(enciphered, frames))  # key frames without a key, the others plain
+    for name in "dbg", "log_2020-01-01":
+        Path(name).touch()
+    for what, key, data, lost, skipped, code in (
+            ("no key", "", secret, {"no_key": 100}, 0, 5), ("wrong key", KEY[::-1], secret, {"wrong_key": 100}, 0, 5),
+            ("no key frame", "", head + b"".join(others), {"no_key_frame": len(others)}, 0, 4),
+            ("key frames without a key", "", head + mixed, {"no_key": 100 - len(others), "no_key_frame": len(others)}, 0, 5),
+            ("garbage", "", head + bytes(4096 + 31), {"garbage": 0}, 4096, 1),
+            ("late", "", head + b"".join(others[:9]) + plain[88:], {"no_key_frame": 9}, 0, 0),
+            ("files", "", plain + secret[88:] + b"".join(frames), {"no_key": 100}, 0, 0)):
+        with Run("--json", "--preview", "--once", "--max-size", "20K", out=what, env={"SDV_KEY": key}) as run:
+            events = []
+
+            def until(name, least=0):
+                while not (events and events[-1]["event"] == name and events[-1].get("bytes", 0) >= least):
+                    events.append(json.loads(next(run.stdout)))
+                return events[-1]
+
+            with run.connect() as camera:
+                camera.sendall(data)
+                until("dropping")
+                status = until("status", len(data))
+                camera.shutdown(socket.SHUT_WR)
+                gone, end = until("lost"), until("stopped")
+            told = [event for event in events if event["event"] == "dropping"]
+            sums = {event["code"]: sum(e["frames"] for e in told if e["code"] == event["code"]) for event in told}
+            expect(what, sums, lost)
+            assert all(event["reason"] and event["bytes"] > 99 * event["frames"] for event in told), told
+            for sums in status, gone:
+                counts = {name: count for name, count in sums["dropped_by_cause"].items() if count}
+                expect(f"{what}, {sums}", (counts, sums["bytes_skipped"]), ({} if skipped else lost, skipped))
+            assert status["seconds_without_frame"] >= 0 and status["disk_free"] > 0 and gone["code"] == "peer_closed"
+            expect(what, (end["exit_code"], end["code"]), (code, next(iter(lost)) if code else None))
+            run.end(code)
+            expect(what, run.pictures(), {"late": 100, "files": 200}.get(what, 0))
+    expect("logs", [*Path().glob("log_*")], [Path("log_2020-01-01")])
+
+
+def bounds(stream):
+    """Where each frame of a stream begins and ends."""
+    at = 88
+    while at < len(stream):
+        yield at, (at := at + int.from_bytes(stream[at + 4 : at + 8], "little"))
 
 
 def unit():
@@ -412,4 +481,4 @@ def unit():
 if __name__ == "__main__":
     go_through((check.__name__, check) for check in (odd_pieces, one_at_a_time, cut_short, calling, next_file,
                                                      every_event, killed, long_repair, little_memory, failing_disk,
-                                                     full_disk, messages_unread, place, nothing, unit))
+                                                     full_disk, messages_unread, place, nothing, left_out, unit))

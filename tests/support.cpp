@@ -219,6 +219,8 @@ void push_in_pieces(const Bytes& bytes, size_t size)
 Outcome convert(const std::string& in, const std::string& out)
 {
     const auto [result, said] = told(1, [&] { return KtConvert_SDVtoAVI(text(in), text(out)); });
+    const int progress = GetConversionProgress(nullptr);
+    EXPECT_TRUE(result ? progress < SdvProgress_None : progress == g_tSdv2Avi.m_iPosition) << progress;
     return {int(result), g_tSdv2Avi.m_iPosition, said};
 }
 

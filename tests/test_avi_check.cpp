@@ -33,15 +33,15 @@ static avi::Report check(const Bytes& file, const avi::Look& look = {})
 
 // What is written over the right value, and how the fault is told; the index entries begin at 1232.
 static const std::tuple<size_t, Word, const char*> faults[] = {
-    {0, "RIFX", "RIFF is"},     {4, 1, "RIFF size"},         {16, 192, "hdrl list"},
-    {44, 0x810, "flags"},       {48, 4, "dwTotalFrames"},    {56, 1, "dwStreams"},
-    {60, 20480, "BufferSize"},  {92, ~15u, "video strl"},    {140, 5, "dwLength"},
-    {176, 65, "biWidth"},       {220, 0, "audio strl"},      {256, 16000, "dwRate"},
-    {264, 2, "audio dwLength"}, {320, ~0u >> 1, "movi"},     {320, 400, "movi list"},
-    {324, "move", "movi"},      {437, half(0x3055), "pad"},  {766, "01dc", "id 01dc"},
-    {770, ~0u, "the end"},      {770, 78, "chunk's size"},   {1228, 64, "idx1 size"},
-    {1236, 1, "index flags"},   {1244, 102, "index size"},   {1248, "00dc", "id 00dc"},
-    {1252, 0, "index flags"},   {1256, 116, "index offset"}, {1304, 0, "index offset"},
+    {4, 1, "RIFF size"},         {16, 192, "hdrl list"},    {44, 0x810, "flags"},
+    {48, 4, "dwTotalFrames"},    {56, 1, "dwStreams"},      {60, 20480, "BufferSize"},
+    {92, ~15u, "video strl"},    {140, 5, "dwLength"},      {176, 65, "biWidth"},
+    {220, 0, "audio strl"},      {256, 16000, "dwRate"},    {264, 2, "audio dwLength"},
+    {320, ~0u >> 1, "movi"},     {320, 400, "movi list"},   {324, "move", "movi"},
+    {437, half(0x3055), "pad"},  {766, "01dc", "id 01dc"},  {770, ~0u, "the end"},
+    {770, 78, "chunk's size"},   {1228, 64, "idx1 size"},   {1236, 1, "index flags"},
+    {1244, 102, "index size"},   {1248, "00dc", "id 00dc"}, {1252, 0, "index flags"},
+    {1256, 116, "index offset"}, {1304, 0, "index offset"},
 };
 
 TEST(AviCheck, FindsEachFaultOnceAndAlone)
@@ -79,16 +79,27 @@ TEST(AviCheck, AnyLengthAndAnyBitAreSafe)
     EXPECT_EQ(avi::describe(check(with(part(sound, 0, 316), 4, 0))), "offset 4: no frames were recorded\n");
     EXPECT_FALSE(avi::check_file("/nowhere").sound() || avi::check_file("/dev/zero").sound());
     EXPECT_EQ(avi::check_file("/nowhere").kind, avi::Kind::unreadable);
-    for (const Bytes& file : {Bytes(300, 1), Bytes()}) EXPECT_EQ(check(file).kind, avi::Kind::other);
+    for (const Bytes& file : {Bytes(300, 1), Bytes(), with(sound, 0, "RIFX"), with(sound, 8, "WAVE")})
+        EXPECT_EQ(check(file).kind, avi::Kind::other);
     for (const Bytes& file : {part(sound, 0, 100), Bytes(328, 0) + part(sound, 328, 1224)})
         EXPECT_EQ(check(file).kind, avi::Kind::avi);
 }
 
-TEST(AviCheck, PicturesBeginWithAStartCode)
+TEST(AviCheck, PicturesBeginWithAStartCodeAndAsTheirFlagSays)
 {
     // a long code, a short one, and none
-    const Bytes file = with(with(sound_file(), 336, 0x01000000), 774, 0x65010000);
+    const Bytes file = with(with(sound_file(), 336, 0x01000000), 774, 0x41010000);
     EXPECT_TRUE(check(file).sound());
-    EXPECT_EQ(avi::describe(check(file, {.pictures = true})),
+    EXPECT_EQ(avi::describe(check(file, {.strict = true})),
               "offset 1190: the picture begins without a start code\n");
+    const std::tuple<size_t, uint32_t, const char*> slices[] = {
+        {340, 0x8865, ""}, // IDR; then an I slice, and one of another picture
+        {340, 0x8841, ""},
+        {340, 0x9A41, "offset 1236: index flags 0x10 for what is no key frame\n"},
+        {777, 0x8865, "offset 1268: index flags 0x0 for a key frame\n"},
+    };
+    for (const auto& [at, bytes, said] : slices) {
+        const Bytes changed = with(with(file, 1190, 0x41010000), at, half(bytes));
+        EXPECT_EQ(avi::describe(check(changed, {.strict = true})), said);
+    }
 }

@@ -1,4 +1,5 @@
 // Recordings cut off at any place, and finished: what comes out is what a stop there would have written.
+#include <filesystem>
 #include <random>
 
 #include "adts.h"
@@ -6,6 +7,7 @@
 #include "support.h"
 
 using tools::AviHints;
+namespace fs = std::filesystem;
 
 // 100 pictures, whose SPS says 352 x 288 and 25 a second; behind each its share of audio: a slot, of AAC two.
 static Frames clip(uint8_t code)
@@ -72,9 +74,11 @@ static Mended mend(const Bytes& file, const AviHints& hints)
     TempDir dir;
     std::string why;
     for (const char* name : {"a.avi", "b.avi"}) write_file(dir / name, file);
+    fs::permissions(dir / "a.avi", fs::perms(0646));
     const bool worked = tools::repair_avi(dir / "a.avi", hints, why);
     const Bytes mended = read_file(dir / "a.avi");
     if (worked) expect_sound(dir / "a.avi");
+    EXPECT_EQ(fs::status(dir / "a.avi").permissions(), fs::perms(0646));
     EXPECT_EQ(tools::repair_avi_into(dir / "b.avi", dir / "c.avi", hints, why), worked);
     EXPECT_TRUE(same_bytes(read_file(dir / "c.avi"), worked ? mended : Bytes()));
     EXPECT_TRUE(same_bytes(read_file(dir / "b.avi"), file));
@@ -99,7 +103,7 @@ TEST(AviRepair, AnyCutIsAStopBehindTheLastWholeChunk)
         for (int moment = 0; moment < 50; ++moment) {
             const size_t length = begin + random() % (whole.growing.size() - begin + 1);
             const size_t kept = size_t(std::count_if(chunks.begin(), chunks.end(), [&](const auto& chunk) {
-                return chunk.offset + 8 + chunk.size + chunk.size % 2 <= length;
+                return chunk.offset + 8 + chunk.size <= length;
             }));
             SCOPED_TRACE(testing::Message() << "code " << code << ", " << length << " bytes");
             const Mended mended = mend(part(whole.growing, 0, length), hints);
@@ -112,19 +116,21 @@ TEST(AviRepair, AnyCutIsAStopBehindTheLastWholeChunk)
 
 TEST(AviRepair, GoesOnWhereARepairOrAStopWasCutOff)
 {
-    const auto [growing, stopped] = make(clip(1));
+    const auto [growing, stopped] = make(first_chunks(clip(1), 199)); // the last one has a pad byte
     const size_t end = growing.size();
     const Bytes headless = Bytes(328, 0) + part(stopped, 328, stopped.size());
     const Bytes noList = part(stopped, 0, 316) + Bytes(12, 0) + part(stopped, 328, end);
     std::vector<std::pair<Bytes, AviHints>> rows = {{noList, {}}}; // with headers nothing is left to guess
-    for (const size_t length : {end, end + 3, end + 8, end + 500, stopped.size()}) {
+    for (const size_t length : {end - 1, end, end + 3, end + 8, end + 500, stopped.size()}) {
         rows.push_back({part(headless, 0, length), alaw});
         rows.push_back({part(stopped, 0, length), {}});
     }
     // Zeros that begin inside of the last chunk, or of its header, are none of it.
-    const Bytes torn = words("01wb", 300) + Bytes(200, 7), odd = words("01wb", 301) + Bytes(301, 7);
-    for (const Bytes& tail : {Bytes(5000, 0), odd + Bytes(1, 0), words("00dc", 5000) + Bytes(10, 1)})
+    const Bytes torn = words("01wb", 300) + Bytes(200, 7);
+    for (const Bytes& tail : {Bytes(5000, 0), words("00dc", 5000) + Bytes(10, 1)})
         rows.push_back({growing + tail, alaw});
+    for (const size_t zeros : {1, 5000}) rows.push_back({part(growing, 0, end - 1) + Bytes(zeros, 0), alaw});
+    rows.push_back({with(growing, 3819, Word(0, 1)), alaw}); // the pad byte of the third chunk
     for (const size_t length : {1, 4, 5, 8, 100})
         for (const size_t zeros : {3, 5000})
             rows.push_back({growing + part(torn, 0, length) + Bytes(zeros, 0), alaw});
@@ -132,13 +138,15 @@ TEST(AviRepair, GoesOnWhereARepairOrAStopWasCutOff)
         EXPECT_TRUE(same_bytes(mend(rows[i].first, rows[i].second).file, stopped)) << "row " << i;
     Frames frames = clip(2);
     for (size_t i = 0; i < 3; ++i) frames[i].audioCode = 0, frames[i].audioAfter.clear();
-    const Made late = make(frames);
-    EXPECT_TRUE(same_bytes(mend(late.growing, mulaw).file, late.stopped)) << "audio that came late";
+    const Made late = make(first_chunks(frames, 196));
+    const Bytes unpadded = part(late.growing, 0, late.growing.size() - 1);
+    EXPECT_TRUE(same_bytes(mend(unpadded, mulaw).file, late.stopped)) << "audio that came late";
 }
 
 TEST(AviRepair, WhatItCannotKnowItDoesNotTouch)
 {
-    const Bytes ulaw = make(clip(2)).growing, aac = make(clip(22)).growing;
+    const auto [ulaw, stopped] = make(clip(2));
+    const Bytes aac = make(clip(22)).growing;
     const Bytes bare = make({picture(1, 100, 0)}).growing; // without any SPS
     const std::tuple<const char*, Bytes, AviHints, const char*> rows[] = {
         {"no coding", ulaw, {}, "coding"},
@@ -149,6 +157,9 @@ TEST(AviRepair, WhatItCannotKnowItDoesNotTouch)
         {"something behind", ulaw + Bytes(100, 'x'), mulaw, "no torn chunk"},
         {"chunks behind a hole", ulaw + Bytes(100, 0) + words("01wb", 2, 9), mulaw, "no torn chunk"},
         {"an absurd chunk", ulaw + words("00dc", 3 << 20) + Bytes(100, 'x'), mulaw, "no torn chunk"},
+        {"a wrong size", with(ulaw, 468, 1 << 20), mulaw, "chunks lie behind"},
+        {"a wrong size of the last", with(stopped, ulaw.size() - 324, 1 << 20), mulaw, "chunks lie behind"},
+        {"the last behind a torn one", ulaw + words("00dc", 5000, "x.x.", "01wb", 4, 9), mulaw, "lie behind"},
         {"no whole chunk", part(ulaw, 0, 340), mulaw, "no whole chunk"},
         {"nothing but zeros", Bytes(1000, 0), mulaw, "no chunks"},
         {"nothing", {}, {}, "no chunks"},

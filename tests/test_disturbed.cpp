@@ -135,9 +135,48 @@ TEST(Cancel, EndsWhatRunsAndNothingLater)
     const int result = cancelled(
         false, [&] { return ChangeFile2AVI(text(old.in), text(old.out)); },
         [] { return g_tSdv2Avi.m_iTotalFrames < 19999; });
-    EXPECT_EQ(result, 4);
+    EXPECT_EQ(std::pair(result, GetConversionProgress(nullptr)), std::pair(4, -5));
     EXPECT_LT(g_tSdv2Avi.m_iTotalFrames, 19999) << "it ran to its end before";
     EXPECT_FALSE(exists(old.out));
+}
+
+// Who watches learns the end of every call, also of one that was refused, and never that of the call before.
+TEST(Disturbed, AWatcherLearnsEveryEnd)
+{
+    LongConversion paths;
+    write_file(paths.dir / "text", hex("6E6F"));
+    write_file(paths.dir / "no key", recording({picture(1, 100, 1)}));
+    const auto convert_now = [](char* in, char* out) { return KtConvert_SDVtoAVI(in, out); };
+    const auto busy = [](char* in, char* out) {
+        g_tSdv2Avi.m_iIsSwitching = 1;
+        const int result = TC_SDVtoAVI(0, in, out);
+        g_tSdv2Avi.m_iIsSwitching = 0;
+        return result;
+    };
+    const std::tuple<int, std::string, std::string, int (*)(char*, char*)> rows[] = {
+        {100, "other", "out", convert_now},
+        {-1, "none", "out", ChangeFile2AVI},
+        {-2, "other", "no/out", convert_now},
+        {-4, "no key", "out", convert_now},
+        {SdvRefused_Busy, "other", "out", busy},
+        {SdvRefused_Path, "other", std::string(260, 'o'), convert_now},
+        {SdvRefused_Path, "other", std::string(260, 'o'), StartChange},
+        {SdvRefused_Input, "none", "out", convert_now},
+        {SdvRefused_NoRecording, "text", "out", convert_now},
+        {SdvRefused_SameFile, "other", "other", convert_now},
+        {100, "in", "out", convert_now},
+    };
+    for (const auto& [want, in, out, call] : rows) {
+        SCOPED_TRACE(in + " to " + out);
+        uint32_t before = 0, calls = 0;
+        int progress = GetConversionProgress(&before);
+        std::thread caller(
+            [&] { told(1, [&] { return call(text(paths.dir / in), text(paths.dir / out)); }); });
+        do progress = GetConversionProgress(&calls);
+        while (calls == before || (progress >= 0 && progress < 100));
+        EXPECT_EQ(std::pair(progress, calls), std::pair(want, before + 1));
+        caller.join();
+    }
 }
 
 // What a caller sees: done means that the file is there, whoever looks, and however it grew meanwhile.

@@ -23,6 +23,7 @@ TEST(IndexBound, LeavesOutWhatOnlyFillsTheMemory)
         Recording recording;
         ASSERT_EQ(fseeko(g_tSdv2Avi.m_fsRec, size, SEEK_SET), 0);
         g_tSdv2Avi.m_iTotalFrames = chunks;
+        EXPECT_EQ(tools::is_index_full(), chunks >= 8 << 20);
         tools::IndexBound bound;
         for (const std::string told : {words, ""}) { // once
             Bytes bytes = frame;

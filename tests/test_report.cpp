@@ -92,6 +92,22 @@ TEST(Report, FillsTheFieldsThatTheCallersRecordHas)
     EXPECT_EQ(GetConversionReport(nullptr), -1);
 }
 
+// Back, or far ahead, they began anew.
+TEST(Report, CountsFramesThatAreMissingByTheirNumbers)
+{
+    TempDir dir;
+    Frames frames;
+    for (const uint32_t number : {1, 2, 5, 5, 4, 2000000, 2000002})
+        frames.push_back(picture(number, 100, number != 1));
+    write_file(dir / "in", recording(frames));
+    convert(dir / "in", dir / "out");
+    SdvReport all{};
+    all.cbSize = sizeof(all);
+    GetConversionReport(&all);
+    EXPECT_EQ(all.u64FramesMissing, 3u);
+    EXPECT_EQ(all.u64NumberGaps, 5u);
+}
+
 // A recorder that is told that all is well goes on for days. Of 1,000 frames of 132 bytes, 100 fit.
 TEST(Report, FramesOnAFullDiskAreNotRecorded)
 {

@@ -2,6 +2,7 @@
 #include "avi_check.h"
 #include "avi_repair.h"
 #include "cli.h"
+#include "cli_names.h"
 #include "descriptors.h"
 #include "files.h"
 #include "human.h"
@@ -61,13 +62,23 @@ Json streams_of(const avi::Report& report)
     return streams;
 }
 
+Json list_of(const std::vector<avi::Finding>& findings)
+{
+    Json list = Json::array();
+    for (const avi::Finding& finding : findings)
+        list.push_back({{"offset", finding.offset}, {"what", finding.what}, {"code", finding.code}});
+    return list;
+}
+
 Json as_json(const std::string& path, const avi::Report& report)
 {
-    Json findings = Json::array();
-    for (const avi::Finding& finding : report.findings)
-        findings.push_back({{"offset", finding.offset}, {"what", finding.what}});
-    return {
-        {"path", path}, {"sound", report.sound()}, {"findings", findings}, {"streams", streams_of(report)}};
+    Json object;
+    cli::name_into(object, "path", path);
+    object["sound"] = report.sound();
+    object["findings"] = list_of(report.findings);
+    object["notes"] = list_of(report.notes);
+    object["streams"] = streams_of(report);
+    return object;
 }
 
 // Header lists of another size hold other headers, which are no damage. The sizes are at these offsets.
@@ -90,6 +101,7 @@ void print_text(const std::string& file, const avi::Report& report)
     if (is_foreign(report))
         printf("%s: the headers are not those of our recorder or converter: another program's file?\n",
                path.c_str());
+    for (const avi::Finding& note : report.notes) printf("%s: note: %s\n", path.c_str(), note.what.c_str());
     if (!report.sound()) return;
     const avi::Audio& audio = report.audio;
     printf("%s: sound: %s of %" PRIu32 " x %" PRIu32, path.c_str(),
@@ -98,7 +110,7 @@ void print_text(const std::string& file, const avi::Report& report)
     printf("\n");
 }
 
-int exit_code(const avi::Report& report)
+cli::Exit exit_code(const avi::Report& report)
 {
     if (report.kind == avi::Kind::unreadable) return cli::Failed;
     if (report.kind == avi::Kind::other) return cli::NoRecording;
@@ -110,8 +122,8 @@ int check(const Options& options)
     int worst = cli::Fine;
     Json all = Json::array();
     for (const std::string& path : options.files) {
-        const avi::Report report = avi::check_file(path, {.pictures = true});
-        worst = std::max(worst, exit_code(report));
+        const avi::Report report = avi::check_file(path, {.strict = true});
+        worst = std::max<int>(worst, exit_code(report));
         if (options.json)
             all.push_back(as_json(path, report));
         else if (!options.quiet)
@@ -134,6 +146,14 @@ bool gather_hints(const Options& options, tools::AviHints& hints, std::string& w
     return true;
 }
 
+// A repair finishes a file. What else is wrong with it, its owner has to know.
+cli::Exit check_repaired(const Options& options, const std::string& path)
+{
+    const avi::Report report = avi::check_file(path, {.strict = true});
+    if (!report.sound() && !options.quiet) print_text(path, report);
+    return exit_code(report);
+}
+
 int repair(const Options& options)
 {
     // A recording cannot be made again.
@@ -149,8 +169,8 @@ int repair(const Options& options)
         fprintf(stderr, "avicheck: %s\n", tools::printable(why).c_str());
         return cli::Failed;
     }
-    int worst = cli::Fine;
-    const bool taken = !options.output.empty() && !options.overwrite && tools::is_taken(options.output, why);
+    cli::Exit worst = cli::Fine;
+    const bool taken = !options.output.empty() && tools::is_taken(options.output, options.overwrite, why);
     for (const std::string& path : options.files) {
         const std::string name = tools::printable(path);
         const bool done =
@@ -159,10 +179,11 @@ int repair(const Options& options)
                            : tools::repair_avi_into(path, options.output, hints, why, options.overwrite));
         if (!done) {
             fprintf(stderr, "avicheck: %s: not repaired: %s\n", name.c_str(), tools::printable(why).c_str());
-            worst = cli::Failed;
-        } else if (!options.quiet) {
-            printf("%s: %s\n", name.c_str(), why.c_str());
+            worst = cli::worse(worst, taken ? cli::Exists : cli::Failed);
+            continue;
         }
+        if (!options.quiet) printf("%s: %s\n", name.c_str(), why.c_str());
+        worst = cli::worse(worst, check_repaired(options, options.output.empty() ? path : options.output));
     }
     return worst;
 }
@@ -173,13 +194,16 @@ void add_repair_options(CLI::App& app, Options& options, CLI::Option* flag)
 {
     tools::AviHints& given = options.given;
     const auto range = [](uint32_t from, uint32_t to) { return CLI::Range(from, to); };
-    auto* output =
-        app.add_option("-o,--output", options.output, "leave FILE as it is and write a repaired copy")
-            ->needs(flag);
+    auto* output = cli::names_file(app.add_option("-o,--output", options.output,
+                                                  "leave FILE as it is and write a repaired copy"))
+                       ->needs(flag);
     app.add_flag("--overwrite", options.overwrite, "the copy may replace a file")->needs(output);
     auto* from =
-        app.add_option("--from", options.from, "SDV recording that the file was made of")->needs(flag);
-    app.add_option("--like", options.like, "sound AVI file of the same camera")->needs(flag)->excludes(from);
+        cli::names_file(app.add_option("--from", options.from, "SDV recording that the file was made of"))
+            ->needs(flag);
+    cli::names_file(app.add_option("--like", options.like, "sound AVI file of the same camera"))
+        ->needs(flag)
+        ->excludes(from);
     auto* width = app.add_option("--width", given.width, "picture width [as the video says]")
                       ->needs(flag)
                       ->check(range(1, 65535));
@@ -205,7 +229,7 @@ try {
     CLI::App app{
         "Check AVI files that were made of SDV recordings, and finish those whose recording was cut off.",
         "avicheck"};
-    app.add_option("FILE", options.files, "AVI file")->required();
+    cli::names_file(app.add_option("FILE", options.files, "AVI file"))->required();
     auto* json = app.add_flag("--json", options.json, "findings and streams as JSON");
     app.add_flag("-q,--quiet", options.quiet, "tell by the exit code alone")->excludes(json);
     auto* flag =
@@ -215,7 +239,8 @@ try {
     cli::complete(app, {"avicheck *.avi\navicheck --repair 20260309-140559.avi.part --audio mulaw",
                         {{cli::Failed, "a file cannot be read, or not be repaired"},
                          {cli::NoRecording, "a file is no AVI file"},
-                         {cli::Damaged, "a file is not sound"}}});
+                         {cli::Damaged, "a file is not sound"},
+                         {cli::Exists, "--output exists already (--overwrite replaces it)"}}});
     if (const auto over = cli::parse(app, argc, argv)) return *over;
     if (!options.output.empty() && options.files.size() != 1) {
         fprintf(stderr, "avicheck: --output goes with one FILE\n");

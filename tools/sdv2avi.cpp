@@ -28,22 +28,22 @@ struct Options
     tools::PlanRequest plan;
     tools::PoolSettings pool;
     std::optional<std::string> key, keyFile;
-    std::string split;
+    std::string split, like;
     bool json = false, quiet = false, strict = false;
 };
 
 // Everything that was done.
 struct Run
 {
-    std::vector<tools::Job> jobs;
-    std::vector<tools::Result> results; // fewer, when a signal came
+    tools::Plan plan;
+    std::vector<tools::Result> results; // of each job
     double seconds = 0;
     int signal = 0; // that ended it
 };
 
 struct Totals
 {
-    size_t done = 0, damaged = 0, failed = 0;
+    size_t done = 0, damaged = 0, failed = 0, left = 0;
     uint64_t pictures = 0, bytes = 0;
     cli::Exit exit = cli::Fine;
 };
@@ -56,8 +56,14 @@ int fail(cli::Exit code, const std::string& why)
 
 // ---- what became of them
 
+bool is_left(const tools::Result& result)
+{
+    return result.code == cli::cause::NotStarted;
+}
+
 const char* status_of(const tools::Result& result)
 {
+    if (is_left(result)) return "not_begun";
     if (!result.cause.empty()) return "failed";
     return result.damaged ? "damaged" : "done";
 }
@@ -77,7 +83,10 @@ Totals add_up(const Options& options, const Run& run)
 {
     Totals totals;
     for (const tools::Result& result : run.results) {
-        (!result.cause.empty() ? totals.failed : result.damaged ? totals.damaged : totals.done) += 1;
+        (is_left(result)         ? totals.left
+         : !result.cause.empty() ? totals.failed
+         : result.damaged        ? totals.damaged
+                                 : totals.done) += 1;
         totals.pictures += result.pictures;
         totals.bytes += result.bytes;
         totals.exit = cli::worse(totals.exit, exit_of(options, result));
@@ -92,29 +101,45 @@ int exit_of(const Run& run, const Totals& totals)
 
 // ---- as JSON
 
+Json text_or_null(const std::string& text)
+{
+    return text.empty() ? Json(nullptr) : Json(text);
+}
+
 Json file_json(const Options& options, const tools::Job& job, const tools::Result& result)
 {
-    const bool failed = !result.cause.empty();
-    return {{"input", job.input},          {"outputs", result.outputs},
-            {"pictures", result.pictures}, {"bytes", result.bytes},
-            {"seconds", result.seconds},   {"report", cli::report_json(result.report)},
-            {"status", status_of(result)}, {"cause", failed ? Json(result.cause) : Json(nullptr)},
-            {"notes", result.notes},       {"exit_code", int(exit_of(options, result))}};
+    Json file = {{"input", job.input},
+                 {"outputs", result.outputs},
+                 {"pictures", result.pictures},
+                 {"bytes", result.bytes},
+                 {"seconds", result.seconds},
+                 {"report", cli::report_json(result.report)},
+                 {"sound_early_seconds", result.soundEarly},
+                 {"status", status_of(result)},
+                 {"cause", text_or_null(result.cause)},
+                 {"code", text_or_null(result.code)},
+                 {"notes", result.notes},
+                 {"exit_code", int(exit_of(options, result))}};
+    if (!cli::is_utf8(job.input)) file["input_hex"] = cli::hex(job.input);
+    if (std::all_of(result.outputs.begin(), result.outputs.end(), cli::is_utf8)) return file;
+    for (const std::string& output : result.outputs) file["outputs_hex"].push_back(cli::hex(output));
+    return file;
 }
 
 void print_json(const Options& options, const Run& run)
 {
     Json files = Json::array();
     for (size_t i = 0; i < run.results.size(); ++i)
-        files.push_back(file_json(options, run.jobs[i], run.results[i]));
+        files.push_back(file_json(options, run.plan.jobs[i], run.results[i]));
     const Totals totals = add_up(options, run);
     const Json document = {{"files", files},
+                           {"notes", run.plan.notes},
                            {"summary",
-                            {{"files", run.jobs.size()},
+                            {{"files", run.results.size()},
                              {"done", totals.done},
                              {"damaged", totals.damaged},
                              {"failed", totals.failed},
-                             {"not_begun", run.jobs.size() - run.results.size()},
+                             {"not_begun", totals.left},
                              {"pictures", totals.pictures},
                              {"bytes", totals.bytes},
                              {"seconds", run.seconds},
@@ -127,10 +152,15 @@ void print_json(const Options& options, const Run& run)
 
 void print_messages(const Run& run)
 {
+    for (const std::string& note : run.plan.notes) fail(cli::Fine, "warning: " + note);
     for (size_t i = 0; i < run.results.size(); ++i) {
-        for (const std::string& note : run.results[i].notes)
-            fail(cli::Fine, "warning: " + run.jobs[i].input + ": " + note);
-        if (!run.results[i].cause.empty()) fail(cli::Failed, run.results[i].cause);
+        const tools::Result& result = run.results[i];
+        if (is_left(result)) continue;
+        for (const std::string& note : result.notes)
+            fail(cli::Fine, "warning: " + run.plan.jobs[i].input + ": " + note);
+        if (!result.cause.empty()) fail(cli::Failed, result.cause);
+        if (result.left)
+            fail(cli::Failed, "the disk is full: " + tools::counted(result.left, "more file") + " not begun");
     }
 }
 
@@ -164,20 +194,20 @@ void print_rows(const Run& run)
     printf("%-8s %9s  %10s  %8s  %s\n", "result", "pictures", "size", "time", "file");
     for (size_t i = 0; i < run.results.size(); ++i) {
         const tools::Result& result = run.results[i];
+        if (is_left(result)) continue; // perhaps thousands
         const std::string to = result.outputs.empty() ? "" : " -> " + outputs_text(result);
         print_row(status_of(result), colour_of(result), result.pictures, result.bytes, result.seconds,
-                  tools::printable(run.jobs[i].input) + to);
+                  tools::printable(run.plan.jobs[i].input) + to);
     }
 }
 
 void print_total(const Options& options, const Run& run)
 {
     const Totals totals = add_up(options, run);
-    const size_t left = run.jobs.size() - run.results.size();
     print_row("total", 1, totals.pictures, totals.bytes, run.seconds,
-              tools::counted(run.jobs.size(), "file") + ": " + std::to_string(totals.done) + " done, " +
+              tools::counted(run.results.size(), "file") + ": " + std::to_string(totals.done) + " done, " +
                   std::to_string(totals.damaged) + " damaged, " + std::to_string(totals.failed) + " failed" +
-                  (left ? ", " + std::to_string(left) + " not begun" : ""));
+                  (totals.left ? ", " + std::to_string(totals.left) + " not begun" : ""));
 }
 
 int print_outcome(const Options& options, const Run& run, bool many)
@@ -205,17 +235,6 @@ bool set_key(const Options& options, std::string& why)
     return true;
 }
 
-bool spares_key_file(const Options& options, const std::vector<tools::Job>& jobs, std::string& why)
-{
-    if (!options.keyFile) return true;
-    for (const tools::Job& job : jobs)
-        if (tools::same_file(job.output, *options.keyFile)) {
-            why = job.output + ": is the same file as the key file";
-            return false;
-        }
-    return true;
-}
-
 int convert(Options& options)
 {
     std::string why;
@@ -223,15 +242,17 @@ int convert(Options& options)
     if (!options.split.empty() && !tools::parse_split(options.split, options.pool.convert.split, why))
         return fail(cli::Usage, "--split: " + why);
     if (!set_key(options, why)) return fail(cli::KeyTrouble, why);
-    if (!tools::plan_jobs(options.plan, run.jobs, why) || !spares_key_file(options, run.jobs, why))
-        return fail(cli::Usage, why);
+    if (!options.like.empty() && !sdv::read_like(options.like, options.plan.like, why))
+        return fail(cli::NoRecording, why);
+    options.plan.keyFile = options.keyFile.value_or("");
+    if (!tools::plan_jobs(options.plan, run.plan, why)) return fail(cli::Usage, why);
 
-    options.pool.progress = !options.quiet && isatty(STDERR_FILENO);
+    options.pool.progress = !options.quiet && cli::moves_cursor(STDERR_FILENO);
     const auto begin = std::chrono::steady_clock::now();
-    run.signal = tools::run_jobs(run.jobs, options.pool, run.results);
+    const std::vector<tools::Job>& jobs = run.plan.jobs;
+    run.signal = tools::run_jobs(jobs, options.pool, run.results);
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    return print_outcome(options, run,
-                         run.jobs.size() > 1 || run.jobs.front().input != options.plan.inputs.front());
+    return print_outcome(options, run, jobs.size() > 1 || jobs.front().input != options.plan.inputs.front());
 }
 
 void add_options(CLI::App& app, Options& options)
@@ -242,9 +263,11 @@ void add_options(CLI::App& app, Options& options)
     app.add_option("-o,--output", options.plan.output,
                    "the AVI file, or the folder for several (default: beside the input, with .avi)");
     app.add_flag("-r,--recurse", options.plan.recurse, "look into the folders of folders, too");
+    cli::names_file(app.add_option(
+        "--like", options.like, "recording of the same camera, whose file header stands in for lost ones"));
     auto* key = app.add_option("--key", options.key, "key of encrypted recordings: up to 32 hex digits");
-    app.add_option("--key-file", options.keyFile,
-                   "file that holds the key, not seen by other users (default: $SDV_KEY)")
+    cli::names_file(app.add_option("--key-file", options.keyFile,
+                                   "file that holds the key, not seen by other users (default: $SDV_KEY)"))
         ->excludes(key);
     app.add_option("-j,--jobs", options.pool.atOnce, "conversions at a time (default: one for each core)")
         ->check(CLI::Range(1, 1024));
@@ -252,7 +275,7 @@ void add_options(CLI::App& app, Options& options)
     app.add_option("--split", options.split,
                    "parts NAME-001.avi and so on, cut at key frames: by size (700M, 2G) or time (10m, 1h)");
     app.add_flag("--start-time", options.plan.nameByStart, "name outputs by their recording's start");
-    app.add_flag("--strict", options.strict, "exit with 7 when something damaged was left out");
+    app.add_flag("--strict", options.strict, "exit with 7 when something was damaged or missing");
     app.add_flag("--json", options.json, "tell the outcome as one JSON document");
     app.add_flag("-q,--quiet", options.quiet, "print warnings and errors only");
 }
@@ -272,9 +295,10 @@ try {
                         {{cli::Failed, ""},
                          {cli::NoRecording, ""},
                          {cli::NoKeyFrame, ""},
-                         {cli::KeyTrouble, ""},
+                         {cli::KeyTrouble, "the key is wrong or missing, be it for some frames only"},
                          {cli::NoOutput, ""},
-                         {cli::Damaged, "with --strict: done, but damage was left out"}}});
+                         {cli::Damaged, "with --strict: done, but damage was left out"},
+                         {cli::Exists, "an output exists already (--overwrite replaces it)"}}});
     if (const auto over = cli::parse(app, argc, argv)) return *over;
 
     tools::fill_standard_descriptors();

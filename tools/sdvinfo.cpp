@@ -1,5 +1,6 @@
 // sdvinfo: what is in a recording, and what is wrong with it.
 #include "cli.h"
+#include "cli_names.h"
 #include "descriptors.h"
 #include "files.h"
 #include "human.h"
@@ -14,9 +15,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cinttypes>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <new>
 
 #include <unistd.h>
@@ -29,7 +32,7 @@ struct Options
 {
     std::vector<std::string> files;
     std::optional<std::string> key, keyFile;
-    std::string report;
+    std::string report, like;
     bool frames = false, json = false, overwrite = false;
 };
 
@@ -37,6 +40,7 @@ struct Run
 {
     const Options& options;
     std::vector<uint8_t> key;
+    sdv::Like like{};
     bool colour = false;
     size_t printed = 0; // files
 };
@@ -61,13 +65,20 @@ Json as_json(const sdv::FactValue& value)
         value);
 }
 
+double rounded(double seconds)
+{
+    return std::round(seconds * 1000) / 1000;
+}
+
 Json damage_list(const sdv::Stats& stats)
 {
     Json list = Json::array();
     for (const sdv::DamagePlace& place : stats.damage)
         list.push_back({{"offset", place.gap.offset},
                         {"length", place.gap.length},
+                        {"atSeconds", rounded(place.seconds)},
                         {"cause", cause_text(place.gap.cause)},
+                        {"code", cause_code(place.gap.cause)},
                         {"framesLost", place.lost ? Json(*place.lost) : Json()}});
     return list;
 }
@@ -76,8 +87,11 @@ Json numbering_list(const sdv::Stats& stats)
 {
     Json list = Json::array();
     for (const sdv::NumberGap& gap : stats.numberGaps)
-        list.push_back(
-            {{"offset", gap.offset}, {"before", gap.before}, {"after", gap.after}, {"missing", gap.missing}});
+        list.push_back({{"offset", gap.offset},
+                        {"atSeconds", rounded(gap.seconds)},
+                        {"before", gap.before},
+                        {"after", gap.after},
+                        {"missing", gap.missing}});
     return list;
 }
 
@@ -85,10 +99,12 @@ Json chart_json(const sdv::Chart& chart, const char* unit)
 {
     Json bins = Json::array();
     for (const sdv::Bin& bin : chart.bins)
-        bins.push_back(
-            {bin.frames, bin.keyFrames, bin.audioSlots, bin.bytes, bin.largest, bin.damage, bin.missing});
+        bins.push_back({bin.frames, bin.keyFrames, bin.audioSlots, bin.bytes, bin.largest, bin.damage,
+                        bin.missing, bin.busiest, rounded(bin.begins)});
     return {{unit, chart.width},
-            {"columns", {"frames", "keyFrames", "audioSlots", "bytes", "largestFrame", "damage", "missing"}},
+            {"columns",
+             {"frames", "keyFrames", "audioSlots", "bytes", "largestFrame", "damage", "missing",
+              "busiestSecond", "begins"}},
             {"bins", bins}};
 }
 
@@ -103,7 +119,11 @@ std::string json_text(const Json& json)
 
 std::string stats_json(const std::string& path, const sdv::Stats& stats)
 {
-    Json json{{"file", path}};
+    Json json;
+    cli::name_into(json, "file", path);
+    json["state"] = state_word(state_of(stats));
+    json["verdict"] = verdict(stats);
+    if (!stats.borrowed.empty()) cli::name_into(json, "headerFrom", stats.borrowed);
     for (const sdv::FactGroup& group : facts_of(stats))
         for (const sdv::Fact& fact : group.facts)
             json[Json::json_pointer("/" + fact.id)] = as_json(fact.value);
@@ -117,6 +137,7 @@ std::string stats_json(const std::string& path, const sdv::Stats& stats)
 Json frame_json(const sdv::ScannedFrame& frame)
 {
     const S_FrameHeader& header = frame.header;
+    const char* const code = fate_code(frame.fate);
     return {{"offset", frame.offset},
             {"size", frame.bytes.size()},
             {"number", header.u32FrameNO},
@@ -126,7 +147,8 @@ Json frame_json(const sdv::ScannedFrame& frame)
             {"audioSlots", (header.u16AFrames >> 8) + (header.u16AFrames & 0xFF)},
             {"audioSlotSize", header.u16AFrameSize},
             {"encrypted", frame.cipher != sdv::Cipher::Plain},
-            {"fate", fate_text(frame.fate)}};
+            {"fate", fate_text(frame.fate)},
+            {"code", code ? Json(code) : Json()}};
 }
 
 // ---- for people
@@ -134,7 +156,8 @@ Json frame_json(const sdv::ScannedFrame& frame)
 void print_facts(const Run& run, const std::string& path, const sdv::Stats& stats)
 {
     if (run.printed) putchar('\n');
-    const std::string told = cli::paint(verdict(stats), is_damaged(stats) ? 31 : 32, run.colour);
+    const int colours[] = {32, 33, 31}; // of the states
+    const std::string told = cli::paint(verdict(stats), colours[size_t(state_of(stats))], run.colour);
     printf("%s: %s\n", tools::printable(path).c_str(), told.c_str());
     for (const sdv::FactGroup& group : facts_of(stats)) {
         printf("%s\n", cli::paint(group.title, 1, run.colour).c_str());
@@ -151,18 +174,19 @@ void print_more(uint64_t count)
 void print_places(const Run& run, const sdv::Stats& stats)
 {
     if (!stats.damage.empty())
-        printf("%s\n  %14s %12s %12s  %s\n", cli::paint("Damage map", 1, run.colour).c_str(), "position",
-               "bytes", "frames lost", "likely cause");
-    for (const auto& [gap, lost] : stats.damage)
-        printf("  %14" PRIu64 " %12" PRIu64 " %12s  %s\n", gap.offset, gap.length,
-               lost ? std::to_string(*lost).c_str() : "?", cause_text(gap.cause));
+        printf("%s\n  %10s %14s %12s %12s  %s\n", cli::paint("Damage map", 1, run.colour).c_str(), "time",
+               "position", "bytes", "frames lost", "likely cause");
+    for (const auto& [gap, lost, seconds] : stats.damage)
+        printf("  %10s %14" PRIu64 " %12" PRIu64 " %12s  %s\n", sdv::place_text(seconds).c_str(), gap.offset,
+               gap.length, lost ? std::to_string(*lost).c_str() : "?", cause_text(gap.cause));
     print_more(stats.damageCount);
 
     if (!stats.numberGaps.empty())
-        printf("%s\n  %14s %12s %12s %12s\n", cli::paint("Numbering", 1, run.colour).c_str(), "position",
-               "before", "behind", "missing");
+        printf("%s\n  %10s %14s %12s %12s %12s\n", cli::paint("Numbering", 1, run.colour).c_str(), "time",
+               "position", "before", "behind", "missing");
     for (const sdv::NumberGap& gap : stats.numberGaps)
-        printf("  %14" PRIu64 " %12u %12u %12" PRIu64 "\n", gap.offset, gap.before, gap.after, gap.missing);
+        printf("  %10s %14" PRIu64 " %12u %12u %12" PRIu64 "\n", sdv::place_text(gap.seconds).c_str(),
+               gap.offset, gap.before, gap.after, gap.missing);
     print_more(stats.numberGapCount);
 }
 
@@ -202,11 +226,15 @@ void end_object(const Run& run, const std::string& object)
     printf("%s%s", listed ? "],\n" : "", object.c_str() + (listed ? 1 : 0));
 }
 
-cli::Exit give_up(Run& run, const std::string& path, const std::string& why, cli::Exit code)
+cli::Exit give_up(Run& run, const std::string& path, const std::string& why, const char* code, cli::Exit exit)
 {
-    end_object(run, json_text(Json{{"file", path}, {"error", why}}));
+    Json json;
+    cli::name_into(json, "file", path);
+    json["error"] = why;
+    json["code"] = code;
+    end_object(run, json_text(json));
     ++run.printed;
-    return complain(why, code);
+    return complain(why, exit);
 }
 
 bool write_page(const std::string& target, const std::string& page, std::string& why)
@@ -247,7 +275,7 @@ void show_place(Watch& watch, uint64_t place)
 bool scan(const Run& run, const std::string& path, const sdv::RecordingFile& file, sdv::Stats& stats,
           std::string& why)
 {
-    Watch watch{file, path, {!run.options.frames && isatty(STDERR_FILENO)}};
+    Watch watch{file, path, {!run.options.frames && cli::moves_cursor(STDERR_FILENO)}};
     sdv::begin_stats(stats, file, !run.key.empty());
     const sdv::ScanCalls calls = {[&](const sdv::ScannedFrame& frame) {
                                       show_place(watch, frame.offset);
@@ -261,17 +289,43 @@ bool scan(const Run& run, const std::string& path, const sdv::RecordingFile& fil
     return scanned;
 }
 
+cli::Exit exit_of(const std::string& path, const sdv::Stats& stats)
+{
+    switch (state_of(stats)) {
+    case sdv::State::Kept:
+        return cli::Fine;
+    case sdv::State::NeedsKey:
+        return complain(path + ": it is encrypted and needs a key", cli::KeyTrouble);
+    case sdv::State::Lost:
+        break;
+    }
+    return sdv::plays(stats) ? cli::Damaged : cli::NoKeyFrame;
+}
+
+// Who reads a page months later wants to know what it tells of.
+std::string made_text()
+{
+    const time_t now = time(nullptr);
+    tm date{};
+    char text[60] = "";
+    if (localtime_r(&now, &date)) strftime(text, sizeof(text), ", %Y-%m-%d %H:%M %Z", &date);
+    return std::string("sdvinfo ") + cli::version() + text;
+}
+
 cli::Exit inspect(Run& run, const std::string& path)
 {
     sdv::RecordingFile file;
     sdv::Stats stats;
     std::string why;
+    const char* code = nullptr;
     begin_object(run);
-    const sdv::Opened opened = sdv::open_recording(file, path, why);
+    const sdv::Opened opened = sdv::open_recording(file, path, run.like, why, code);
     if (opened != sdv::Opened::Fine)
-        return give_up(run, path, why, opened == sdv::Opened::NoRecording ? cli::NoRecording : cli::Failed);
+        return give_up(run, path, why, code,
+                       opened == sdv::Opened::NoRecording ? cli::NoRecording : cli::Failed);
     const bool whole = scan(run, path, file, stats, why);
     if (!whole) complain(path + ": " + why, cli::Failed);
+    if (!file.borrowed.empty()) complain(path + ": " + sdv::borrowed_text(file.borrowed), cli::Fine);
 
     const std::string json = stats_json(path, stats);
     end_object(run, json);
@@ -281,23 +335,25 @@ cli::Exit inspect(Run& run, const std::string& path)
     }
     ++run.printed;
     const std::string& report = run.options.report;
-    if (!report.empty() && !write_page(report, tools::info_page(path, stats, json), why))
+    if (!report.empty() && !write_page(report, tools::info_page(path, stats, json, made_text()), why))
         return complain(why, cli::NoOutput);
     if (stats.wrongKey) return complain(path + ": the key does not open every frame", cli::KeyTrouble);
     if (!whole) return cli::Failed;
-    return is_damaged(stats) ? cli::Damaged : cli::Fine;
+    return exit_of(path, stats);
 }
 
 cli::Exit inspect_all(const Options& options)
 {
-    Run run{options, {}, cli::has_colour(STDOUT_FILENO)};
+    Run run{.options = options, .key = {}, .colour = cli::has_colour(STDOUT_FILENO)};
     std::string why;
+    if (!options.like.empty() && !sdv::read_like(options.like, run.like, why))
+        return complain(why, cli::NoRecording);
     if (!tools::find_key(options.key, options.keyFile, run.key, why)) return complain(why, cli::KeyTrouble);
     if (!options.report.empty()) {
-        for (const std::string& input : {options.files[0], options.keyFile.value_or("")})
+        for (const std::string& input : {options.files[0], options.keyFile.value_or(""), options.like})
             if (tools::same_file(input, options.report))
                 return complain("the report would replace " + input, cli::Usage);
-        if (!options.overwrite && tools::is_taken(options.report, why)) return complain(why, cli::NoOutput);
+        if (tools::is_taken(options.report, options.overwrite, why)) return complain(why, cli::Exists);
     }
 
     const bool array = options.json && options.files.size() > 1;
@@ -315,22 +371,27 @@ int main(int argc, char** argv)
 try {
     Options options;
     CLI::App app{"Tell what is in SDV recordings, and what is wrong with them.", "sdvinfo"};
-    auto* files = app.add_option("FILE", options.files, "the recordings")->required();
+    auto* files = cli::names_file(app.add_option("FILE", options.files, "the recordings"))->required();
     app.add_flag("--frames", options.frames, "list every frame, too");
     app.add_flag("--json", options.json, "for programs: one object, or an array for several recordings");
-    auto* report = app.add_option("--report", options.report, "write a page with charts, for one recording");
+    auto* report = cli::names_file(
+        app.add_option("--report", options.report, "write a page with charts, for one recording"));
     app.add_flag("--overwrite", options.overwrite, "replace a page that is there already")->needs(report);
+    cli::names_file(app.add_option(
+        "--like", options.like, "recording of the same camera, whose file header stands in for lost ones"));
     auto* key = app.add_option("--key", options.key, "key of an encrypted recording: up to 32 hex digits");
-    app.add_option("--key-file", options.keyFile,
-                   "file that holds the key, not seen by other users (default: $SDV_KEY)")
+    cli::names_file(app.add_option("--key-file", options.keyFile,
+                                   "file that holds the key, not seen by other users (default: $SDV_KEY)"))
         ->excludes(key);
     cli::complete(app, {"sdvinfo IN.sdv\nsdvinfo --json *.sdv\nsdvinfo --key-file camera.key "
                         "--report OUT.html IN.sdv",
                         {{cli::Failed, "a file cannot be read, or not all of it"},
                          {cli::NoRecording, ""},
-                         {cli::KeyTrouble, "the key given does not open the recording, or is no key"},
+                         {cli::NoKeyFrame, "no frame in it that a conversion keeps"},
+                         {cli::KeyTrouble, "a key, or another one, is needed"},
                          {cli::NoOutput, ""},
-                         {cli::Damaged, "damage or gaps were found"}}});
+                         {cli::Damaged, "something is damaged, missing or left out"},
+                         {cli::Exists, "the page exists already (--overwrite replaces it)"}}});
     if (const auto over = cli::parse(app, argc, argv)) return *over;
     if (report->count() && files->count() > 1) return complain("--report takes one recording", cli::Usage);
 

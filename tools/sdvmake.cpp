@@ -107,12 +107,13 @@ uint16_t timing_rate(const Options& options)
 
 void add_options(CLI::App& app, Options& options)
 {
-    auto* video = app.add_option("VIDEO", options.video, "H.264 byte stream (Annex B)");
+    auto* video = cli::names_file(app.add_option("VIDEO", options.video, "H.264 byte stream (Annex B)"));
     auto* avi =
-        app.add_option("--from-avi", options.avi, "Instead: AVI file made of a recording")->excludes(video);
-    app.add_option("-o,--output", options.output, "SDV recording to write")->required();
+        cli::names_file(app.add_option("--from-avi", options.avi, "Instead: AVI file made of a recording"))
+            ->excludes(video);
+    cli::names_file(app.add_option("-o,--output", options.output, "SDV recording to write"))->required();
     app.add_flag("--overwrite", options.overwrite, "Replace a recording that is there already");
-    auto* file = app.add_option("--audio", options.audio, "Raw G.711 or AAC in ADTS frames");
+    auto* file = cli::names_file(app.add_option("--audio", options.audio, "Raw G.711 or AAC in ADTS frames"));
     auto* code = app.add_option("--audio-code", options.audioCode, "Coding of the audio");
     cli::choose(code, {{"alaw", CODE_ALAW}, {"mulaw", CODE_MULAW}, {"aac", CODE_AAC}});
     file->needs(code);
@@ -137,7 +138,8 @@ void add_options(CLI::App& app, Options& options)
     for (CLI::Option* option : {file, slot, rate, width}) avi->excludes(option);
     app.add_option("--start", options.start, "Start of the recording, \"YYYY-MM-DD hh:mm:ss\"");
     auto* key = app.add_option("--key", options.keyText, "Encipher every frame: 1 to 16 bytes in hex");
-    app.add_option("--key-file", options.keyFile, "The same, from a file of hex text")->excludes(key);
+    cli::names_file(app.add_option("--key-file", options.keyFile, "The same, from a file of hex text"))
+        ->excludes(key);
     app.add_option("--drop", options.drop, "Frames to leave out");
     app.add_option("--garbage", options.garbage, "Runs of random bytes to put between frames");
     app.add_option("--truncate", options.truncate, "Bytes to cut off the end");
@@ -201,6 +203,8 @@ void read_video(const Options& options, Recording& recording)
 {
     recording.stream = read_input(options.video);
     recording.nals = annexb::split_nals(recording.stream);
+    if (annexb::is_h265(recording.stream, recording.nals))
+        refuse(options.video + " is H.265 (HEVC); a recording holds H.264");
     recording.pictures = annexb::split_access_units(recording.stream, recording.nals);
     if (recording.pictures.empty())
         refuse(options.video + " holds no H.264 picture between Annex B start codes");
@@ -434,7 +438,7 @@ void make_recording(Options options, bool keyGiven)
         if (tools::same_file(*input, options.output)) refuse("the output is also an input: " + *input);
 
     std::string why;
-    if (!options.overwrite && tools::is_taken(options.output, why)) throw Failure{cli::NoOutput, why};
+    if (tools::is_taken(options.output, options.overwrite, why)) throw Failure{cli::Exists, why};
 
     Recording recording;
     recording.header.mode = options.mode;
@@ -460,11 +464,10 @@ int run(int argc, char** argv)
     Options options;
     CLI::App app("Make an SDV recording from an H.264 byte stream or an AVI file", "sdvmake");
     add_options(app, options);
-    cli::complete(app,
-                  {"sdvmake clip.h264 -o clip.sdv\n"
-                   "sdvmake clip.h264 --audio tone.aac --audio-code aac -o clip.sdv\n"
-                   "sdvmake --from-avi clip.avi -o clip.sdv",
-                   {{cli::Failed, ""}, {cli::NoOutput, "the output cannot be written, or exists already"}}});
+    cli::complete(app, {"sdvmake clip.h264 -o clip.sdv\n"
+                        "sdvmake clip.h264 --audio tone.aac --audio-code aac -o clip.sdv\n"
+                        "sdvmake --from-avi clip.avi -o clip.sdv",
+                        {{cli::Failed, ""}, {cli::NoOutput, ""}, {cli::Exists, ""}}});
     if (const auto over = cli::parse(app, argc, argv)) return *over;
     try {
         make_recording(options, app.count("--key") + app.count("--key-file") > 0);

@@ -1,19 +1,15 @@
 // sdvrecord: takes a camera's stream over TCP and writes AVI files while it arrives. Everything that happens
 // to a camera and its files happens in callbacks of the event loop; the main thread waits for signals.
 #include "Quorlin.h"
+#include "camera.h"
 #include "cli_record_events.h"
 #include "cli_record_options.h"
 #include "descriptors.h"
 #include "end_signals.h"
 #include "endpoint.h"
-#include "frame_cutter.h"
 #include "human.h"
 #include "key.h"
 #include "messages.h"
-#include "part_files.h"
-#include "publisher.h"
-#include "pulse.h"
-#include "report_text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -24,12 +20,12 @@
 #include <utility>
 
 #include <arpa/inet.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
+using tools::Camera;
 using Clock = std::chrono::steady_clock;
 
 // What is read of one connection in one go, and how often in a row: posted functions run before the loop
@@ -41,20 +37,6 @@ constexpr int LongestPause = 30; // seconds between two calls of a camera that d
 
 constexpr std::chrono::seconds SumTime{10};    // refused connections are told together
 constexpr std::chrono::seconds ReplaceTime{2}; // of silence, for the same camera to come anew
-
-struct Camera
-{
-    TcpClient* client = nullptr; // none is there, nor called
-    bool there = false;          // else it is being called
-    std::string peer;
-    std::string whyLost = "it ended the connection";
-    sdv::FrameCutter cutter;
-    bool prepared = false; // the file header has come, and the library's job is ours
-    uint64_t bytes = 0;
-    int readsInRow = 0;
-    bool unread = false; // something may wait that no event will tell of
-    tools::Pulse pulse;
-};
 
 // Connections that came while a camera was there, and were not told of yet.
 struct Refused
@@ -82,8 +64,9 @@ struct Recorder
     bool recovering = false;
     int published = 0;
     bool posted = false;
-    std::optional<cli::Exit> failed;
-    cli::Exit whyNothing = cli::Failed; // when nothing was recorded
+    std::optional<tools::Outcome> failed;
+    tools::Outcome whyNothing = {cli::Failed,
+                                 {cli::cause::Failed, "no camera came"}}; // when nothing was recorded
     bool over = false;
 };
 
@@ -99,17 +82,7 @@ int fail(cli::Exit code, const std::string& why)
 
 void note(Recorder& recorder, const std::string& text)
 {
-    cli::wipe_status(recorder.events);
-    log_msg("sdvrecord: %s", tools::printable(text).c_str());
-}
-
-void tell_recovered(Recorder& recorder, const tools::Recovered& file)
-{
-    const cli::Details details = {{"path", file.path}, {"what", file.what}};
-    const std::string text = file.path + ": " + file.what;
-    cli::tell(recorder.events, file.finished ? "repaired" : "not_repaired", details,
-              file.finished ? text : "");
-    if (!file.finished) note(recorder, text);
+    cli::note(recorder.events, text);
 }
 
 // ---- what earlier runs left
@@ -128,7 +101,7 @@ void begin_recovery(Recorder& recorder)
     tools::Recovery& recovery = recorder.recovery;
     recovery.told = [&recorder](const tools::Recovered& file) {
         const MainLock lock;
-        tell_recovered(recorder, file);
+        cli::tell_recovered(recorder.events, file);
     };
     recovery.withJob = [](const std::function<void()>& work) {
         const MainLock lock;
@@ -162,10 +135,10 @@ void end(Recorder& recorder)
 }
 
 // The camera's end tells why.
-bool give_up(Recorder& recorder, cli::Exit code, const std::string& why)
+bool give_up(Recorder& recorder, const tools::Outcome& outcome)
 {
-    recorder.failed = code;
-    recorder.camera.whyLost = why;
+    recorder.failed = outcome;
+    recorder.camera.whyLost = outcome.why;
     end(recorder);
     return false;
 }
@@ -175,31 +148,14 @@ bool give_up(Recorder& recorder, cli::Exit code, const std::string& why)
 void tell_published(Recorder& recorder)
 {
     for (const tools::Published& published : tools::take_published(recorder.publisher)) {
-        if (published.trouble.empty()) {
+        if (published.trouble.text.empty()) {
             ++recorder.published;
             cli::tell_finished(recorder.events, published);
             continue;
         }
-        note(recorder, published.trouble + (published.last ? "" : "; it is tried again"));
-        cli::tell(recorder.events, "not_finished",
-                  {{"path", published.file.name.part_name()}, {"reason", published.trouble}}, "");
-        if (published.last) recorder.failed = cli::NoOutput;
+        cli::tell_not_finished(recorder.events, published);
+        if (published.last) recorder.failed = {cli::NoOutput, published.trouble};
     }
-}
-
-void tell_stalled(Recorder& recorder)
-{
-    const std::string& trouble = recorder.files.trouble;
-    cli::tell(recorder.events, "stalled", {{"reason", trouble}}, "");
-    note(recorder, trouble + "; what comes is lost until a file can be written again");
-}
-
-void tell_resumed(Recorder& recorder)
-{
-    const std::string part = recorder.files.name.part_name();
-    const uint64_t lost = recorder.files.notWritten;
-    cli::tell(recorder.events, "resumed", {{"path", part}, {"not_written", lost}}, "");
-    note(recorder, part + ": recording goes on; " + tools::counted(lost, "frame") + " lost");
 }
 
 // ---- the stream
@@ -210,14 +166,14 @@ bool prepare(Recorder& recorder, std::span<const uint8_t> bytes)
     S_FileHeader header;
     memcpy(&header, bytes.data(), sizeof(header));
     if (!IsValidFileHeader(&header)) {
-        camera.whyLost = "it sends no SDV recording";
-        recorder.whyNothing = cli::NoRecording;
+        camera.whyLost = {cli::cause::NoRecording, "it sends no SDV recording"};
         return false;
     }
     Initialize(8000);
     camera.prepared = true;
     recorder.pause = 1;
-    if (!job.m_pStreamBuf) return give_up(recorder, cli::Failed, "out of memory");
+    if (!job.m_pStreamBuf)
+        return give_up(recorder, {cli::Failed, {cli::cause::OutOfMemory, "out of memory"}});
     job.m_Header = header;
     tools::begin_stream(recorder.files);
     return true;
@@ -252,7 +208,7 @@ void read_later(Recorder& recorder)
 
 // False when the camera is gone, or to be let go.
 bool read_some(Recorder& recorder)
-{
+try {
     Camera& camera = recorder.camera;
     for (size_t total = 0; total < ReadAtOnce;) {
         const auto room = sdv::piece_room(camera.cutter);
@@ -267,15 +223,17 @@ bool read_some(Recorder& recorder)
     }
     read_later(recorder);
     return true;
+} catch (const std::bad_alloc&) {
+    return give_up(recorder, {cli::Failed, {cli::cause::OutOfMemory, "out of memory"}});
 }
 
 // ---- the connection
 
 // By way of on_disconnect(). The client that calls is kept for the next call.
-void let_go(Recorder& recorder, const std::string& why)
+void let_go(Recorder& recorder, const tools::Why& why = {})
 {
     TcpClient* client = recorder.camera.client;
-    if (!why.empty()) recorder.camera.whyLost = why;
+    if (!why.text.empty()) recorder.camera.whyLost = why;
     if (client == recorder.caller)
         os_tcp_client_close(client);
     else
@@ -294,7 +252,7 @@ void read_on(void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
     recorder.posted = false;
-    if (recorder.camera.there && !read_some(recorder)) let_go(recorder, "");
+    if (recorder.camera.there && !read_some(recorder)) let_go(recorder);
 }
 
 int32 on_read(TcpClient*, void* context)
@@ -312,70 +270,25 @@ void call_later(Recorder& recorder)
 
 void tell_unreachable(Recorder& recorder, const std::string& why)
 {
-    const std::string& peer = recorder.options.connect;
     call_later(recorder);
-    cli::tell(recorder.events, "unreachable",
-              {{"peer", peer}, {"reason", why}, {"next_call", recorder.untilCall}}, "");
-    note(recorder,
-         peer + " cannot be reached: " + why + "; next call in " + std::to_string(recorder.untilCall) + " s");
-}
-
-void finish_stream(Recorder& recorder)
-{
-    tools::finish_file(recorder.files);
-    const SdvReport report = tools::conversion_report();
-    if (report.u64DroppedNoKey || report.u64DroppedWrongKey) recorder.whyNothing = cli::KeyTrouble;
-    QuorlinRelease();
-}
-
-void tell_lost(Recorder& recorder, const Camera& camera)
-{
-    const size_t cut = camera.cutter.end - camera.cutter.begin;
-    cli::tell(recorder.events, "lost",
-              {{"peer", camera.peer},
-               {"reason", camera.whyLost},
-               {"bytes", camera.bytes},
-               {"bytes_skipped", camera.cutter.skipped},
-               {"bytes_cut_off", cut},
-               {"not_written", camera.prepared ? recorder.files.notWritten : 0}},
-              "");
-    note(recorder, camera.peer + " has gone: " + camera.whyLost);
-    if (cut && camera.prepared && !recorder.failed)
-        note(recorder, "it went inside a frame: " + tools::counted(cut, "byte") + " of it left out");
-    if (camera.prepared && recorder.files.notWritten)
-        note(recorder, tools::counted(recorder.files.notWritten, "frame") + " of it could not be written");
-    if (camera.cutter.skipped) note(recorder, tools::counted(camera.cutter.skipped, "byte") + " in no frame");
+    cli::tell_unreachable(recorder.events, recorder.options.connect, why, recorder.untilCall);
 }
 
 void on_disconnect(TcpClient*, void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
-    if (recorder.camera.prepared) finish_stream(recorder);
-    const Camera camera = std::exchange(recorder.camera, Camera{});
-    if (camera.there)
-        tell_lost(recorder, camera);
-    else if (!recorder.over)
-        return tell_unreachable(recorder, camera.whyLost);
+    if (recorder.camera.prepared) {
+        tools::finish_file(recorder.files);
+        QuorlinRelease();
+    }
+    Camera camera = std::exchange(recorder.camera, Camera{});
+    if (!camera.there && !recorder.over) return tell_unreachable(recorder, camera.whyLost.text);
+    if (camera.there) {
+        cli::tell_lost(recorder.events, camera, recorder.files);
+        recorder.whyNothing = tools::why_nothing(camera, recorder.files).value_or(recorder.whyNothing);
+    }
     if (recorder.options.once) return end(recorder);
     if (recorder.caller) call_later(recorder);
-}
-
-std::string peer_of(TcpClient* client)
-{
-    char ip[16];
-    uint16 port = 0;
-    os_tcp_client_get_remote(client, ip, &port);
-    return std::string(ip) + ":" + std::to_string(port);
-}
-
-// A peer whose machine has gone says nothing, and sends no end either.
-void watch_peer(int fd)
-{
-    const int on = 1, idle = 10, pause = 5, times = 3;
-    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
-    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
-    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &pause, sizeof(pause));
-    setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &times, sizeof(times));
 }
 
 void greet(Recorder& recorder, TcpClient* client, const std::string& peer)
@@ -386,7 +299,7 @@ void greet(Recorder& recorder, TcpClient* client, const std::string& peer)
     camera.peer = peer;
     tools::begin_pulse(camera.pulse);
     recorder.told = {0, camera.pulse.since};
-    watch_peer(client->connectfd);
+    tools::watch_peer(client);
     os_tcp_client_bind_read(client, on_read, &recorder);
     os_tcp_client_bind_disconnect(client, on_disconnect, &recorder);
     cli::tell(recorder.events, "connected", {{"peer", peer}}, "");
@@ -419,14 +332,15 @@ bool takes_the_place(Recorder& recorder, TcpClient* newcomer)
     if (strcmp(ip, other) != 0) return false;
     const bool alive = read_some(recorder);
     if (alive && !tools::is_silent(camera.pulse, ReplaceTime)) return false;
-    let_go(recorder, alive ? "it fell silent, and was called anew from its address" : "");
+    const tools::Why anew = {cli::cause::Replaced, "it fell silent, and was called anew from its address"};
+    let_go(recorder, alive ? anew : tools::Why{});
     return !recorder.over;
 }
 
 void on_accept(TcpServer*, TcpClient* client, void* context)
 {
     Recorder& recorder = *static_cast<Recorder*>(context);
-    const std::string peer = peer_of(client);
+    const std::string peer = tools::peer_of(client);
     if (recorder.over || (recorder.camera.client && !takes_the_place(recorder, client))) {
         ++recorder.refused.count;
         recorder.refused.peer = peer;
@@ -451,7 +365,7 @@ int32 on_write(TcpClient* client, void* context)
     int error = 0;
     socklen_t length = sizeof(error);
     getsockopt(client->connectfd, SOL_SOCKET, SO_ERROR, &error, &length);
-    let_go(recorder, error ? strerror(error) : "there is no way to it");
+    let_go(recorder, {cli::cause::Unreachable, error ? strerror(error) : "there is no way to it"});
     return 0;
 }
 
@@ -481,9 +395,9 @@ void drop_idle(Recorder& recorder)
     const std::chrono::seconds time(recorder.options.idle);
     if (!tools::is_idle(camera.pulse, time)) return;
     start_row(recorder);
-    if (camera.there && !read_some(recorder)) return let_go(recorder, "");
+    if (camera.there && !read_some(recorder)) return let_go(recorder);
     if (tools::is_idle(camera.pulse, time))
-        let_go(recorder, "no frame for " + std::to_string(recorder.options.idle) + " s");
+        let_go(recorder, {cli::cause::Idle, "no frame for " + std::to_string(recorder.options.idle) + " s"});
 }
 
 void on_second(void* context)
@@ -497,11 +411,9 @@ void on_second(void* context)
         if (recorder.caller && --recorder.untilCall <= 0) call(recorder);
         return;
     }
+    if (camera.there) cli::tell_losses(recorder.events, camera, recorder.files);
     if (camera.there && recorder.options.preview)
-        cli::tell_recording(recorder.events, recorder.told, camera.peer,
-                            job.m_fsRec ? recorder.files.name.part_name() : "", camera.bytes,
-                            job.m_fsRec ? tools::conversion_report() : SdvReport{},
-                            camera.prepared ? recorder.files.notWritten : 0);
+        cli::tell_recording(recorder.events, recorder.told, camera, recorder.files);
     if (camera.unread) {
         start_row(recorder);
         read_later(recorder);
@@ -568,11 +480,11 @@ int wait_for_end(Recorder& recorder, const sigset_t& signals)
     }
 }
 
-cli::Exit outcome(const Recorder& recorder, int number)
+tools::Outcome outcome(const Recorder& recorder, int number)
 {
     if (recorder.failed) return *recorder.failed;
-    if (!recorder.files.trouble.empty()) return cli::NoOutput;
-    return number == SIGUSR1 && recorder.published == 0 ? recorder.whyNothing : cli::Fine;
+    if (is_stalled(recorder.files)) return {cli::NoOutput, recorder.files.trouble};
+    return number == SIGUSR1 && recorder.published == 0 ? recorder.whyNothing : tools::Outcome{};
 }
 
 void fill(Recorder& recorder, const cli::RecordOptions& options)
@@ -584,8 +496,8 @@ void fill(Recorder& recorder, const cli::RecordOptions& options)
     recorder.files.finished = [&recorder](const tools::FinishedFile& file) {
         tools::publish_later(recorder.publisher, file);
     };
-    recorder.files.stalled = [&recorder] { tell_stalled(recorder); };
-    recorder.files.resumed = [&recorder] { tell_resumed(recorder); };
+    recorder.files.stalled = [&recorder] { cli::tell_stalled(recorder.events, recorder.files); };
+    recorder.files.resumed = [&recorder] { cli::tell_resumed(recorder.events, recorder.files); };
     recorder.publisher.withJob = [](const std::function<void()>& work) {
         const MainLock lock;
         work();
@@ -612,6 +524,7 @@ int run(const cli::RecordOptions& options)
     const bool drawn = !options.json && cli::has_colour(STDOUT_FILENO) && cli::has_colour(STDERR_FILENO);
     const tools::Messages messages(drawn ? "\r\033[K" : "");
     const tools::Silence silence;
+    tools::write_no_log_files();
     Recorder recorder;
     fill(recorder, options);
     tools::find_parts(recorder.recovery);
@@ -628,15 +541,15 @@ int run(const cli::RecordOptions& options)
     tools::end_recovery(recorder.recovery);
     os_main_lock(); // at last for good: the loop is to touch nothing any more
     recorder.over = true;
-    if (recorder.camera.client) let_go(recorder, "the recorder ends");
+    if (recorder.camera.client) let_go(recorder, {cli::cause::Stopped, "the recorder ends"});
     os_cleanup();
     recorder.events.patience = 5000; // that many files may come at once
     tell_refused(recorder, recorder.refused.nextTold);
     while (await_published(recorder)) tell_published(recorder);
     if (!started) return fail(cli::Failed, why);
-    const cli::Exit code = outcome(recorder, number);
-    cli::tell(recorder.events, "stopped", {{"files", recorder.published}, {"exit_code", int(code)}}, "");
-    return code;
+    const tools::Outcome ending = outcome(recorder, number);
+    cli::tell_stopped(recorder.events, recorder.published, ending);
+    return ending.exit;
 }
 
 } // namespace

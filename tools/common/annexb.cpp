@@ -38,6 +38,14 @@ bool leads_picture(uint8_t type)
     return type >= 6 && type <= 9;
 }
 
+// From its NAL header byte on.
+std::span<const uint8_t> from_first_slice(std::span<const uint8_t> unit)
+{
+    for (size_t at = find_start_code(unit, 0); at + 3 < unit.size(); at = find_start_code(unit, at + 3))
+        if (is_slice(unit[at + 3] & 0x1F)) return unit.subspan(at + 3);
+    return {};
+}
+
 } // namespace
 
 std::vector<Nal> split_nals(std::span<const uint8_t> stream)
@@ -57,6 +65,18 @@ std::vector<Nal> split_nals(std::span<const uint8_t> stream)
         code = next;
     }
     return nals;
+}
+
+bool is_h265(std::span<const uint8_t> stream, std::span<const Nal> nals)
+{
+    bool video = false, sequence = false; // parameter sets, of the base layer
+    for (const Nal& nal : nals) {
+        if (nal.type == 7) return false;
+        const bool headed = nal.end - nal.payload >= 2 && stream[nal.payload + 1] == 1;
+        video |= headed && stream[nal.payload] == 32 << 1;
+        sequence |= headed && stream[nal.payload] == 33 << 1;
+    }
+    return video && sequence;
 }
 
 std::vector<AccessUnit> split_access_units(std::span<const uint8_t> stream, std::span<const Nal> nals)
@@ -84,11 +104,16 @@ std::vector<AccessUnit> split_access_units(std::span<const uint8_t> stream, std:
 
 uint8_t first_slice_type(std::span<const uint8_t> unit)
 {
-    for (size_t at = find_start_code(unit, 0); at + 3 < unit.size(); at = find_start_code(unit, at + 3)) {
-        const uint8_t type = unit[at + 3] & 0x1F;
-        if (is_slice(type)) return type;
-    }
-    return 0;
+    const auto slice = from_first_slice(unit);
+    return slice.empty() ? 0 : slice[0] & 0x1F;
+}
+
+bool first_slice_is_intra(std::span<const uint8_t> unit)
+{
+    const auto slice = from_first_slice(unit);
+    if (slice.size() < 2) return false;
+    // Exp-Golomb codes: macroblock 0, and slice type 2 or 7.
+    return slice[1] >> 4 == 0b1011 || slice[1] == 0b10001000;
 }
 
 std::vector<uint8_t> with_long_start_code(std::span<const uint8_t> unit)

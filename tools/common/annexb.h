@@ -27,11 +27,17 @@ struct AccessUnit
 // no NAL unit.
 std::vector<Nal> split_nals(std::span<const uint8_t> stream);
 
+// H.265 parameter sets, and none of H.264: what looks like pictures is none of H.264's.
+bool is_h265(std::span<const uint8_t> stream, std::span<const Nal> nals);
+
 // One for every picture. Parameter sets behind the last picture stay with it; without any slice, none.
 std::vector<AccessUnit> split_access_units(std::span<const uint8_t> stream, std::span<const Nal> nals);
 
 // The NAL type of an access unit's first slice, 5 for a key picture; 0 when there is none in these bytes.
 uint8_t first_slice_type(std::span<const uint8_t> unit);
+
+// Is that slice an I slice, as key pictures that are no IDR pictures have them too?
+bool first_slice_is_intra(std::span<const uint8_t> unit);
 
 // The bytes of an access unit or NAL unit, with a 4-byte start code in front even where it had 3.
 std::vector<uint8_t> with_long_start_code(std::span<const uint8_t> unit);

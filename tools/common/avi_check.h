@@ -14,6 +14,7 @@ struct Finding
 {
     uint64_t offset; // where in the file
     std::string what;
+    const char* code; // of cli::cause
 };
 
 struct Chunk
@@ -45,6 +46,7 @@ struct Report
 {
     Kind kind = Kind::avi;
     std::vector<Finding> findings; // empty: the file is sound
+    std::vector<Finding> notes;    // what a sound file may have, and its owner should know
     uint32_t videoChunks = 0, audioChunks = 0;
     uint32_t width = 0, height = 0, rate = 0, videoLength = 0;
     uint32_t sampleRate = 0; // as the main header's data rate tells it, also without audio
@@ -57,9 +59,10 @@ struct Report
 
 struct Look
 {
-    // Also into the video chunks: each that is not empty is to begin with an H.264 start code. A file is no
-    // less playable as a container when it does not.
-    bool pictures = false;
+    // Also at what makes a file no less readable as a container: each video chunk that is not empty is to
+    // begin with an H.264 start code, its key frame flag not to contradict its first slice, the rate to be
+    // the video's own, and what the header takes over from the recording's to be such as players take.
+    bool strict = false;
     std::function<void(const Chunk&)> each = {}; // is told of the chunks in file order; nothing keeps a list
 };
 

@@ -1,14 +1,23 @@
 // The header area.
 #include "avi_check_parts.h"
 
+#include "annexb.h"
+#include "sps.h"
+
+#include <algorithm>
 #include <cinttypes>
+#include <cstdio>
 
 namespace avi {
+
+namespace cause = cli::cause;
+
 namespace {
 
+constexpr uint32_t HighestRate = 192000; // samples a second
+constexpr size_t ParameterSets = 4096;   // bytes of a key frame in which its parameter sets lie
+
 constexpr Field VideoFields[] = {
-    {0, 4, fcc("RIFF"), "RIFF"},
-    {8, 4, fcc("AVI "), "AVI"},
     {12, 4, fcc("LIST"), "LIST of hdrl"},
     {20, 4, fcc("hdrl"), "hdrl"},
     {24, 4, fcc("avih"), "avih"},
@@ -106,11 +115,11 @@ uint32_t aac_config(uint32_t rate)
 
 } // namespace
 
-void expect(Report& report, const Header& header, const Field& field)
+void expect(Report& report, const Header& header, const Field& field, const char* code)
 {
     const uint32_t value = load(&header[field.offset], field.size);
     if (value == field.value) return;
-    find(report, field.offset, "%s is %" PRIu32 " (0x%" PRIx32 "), not %" PRIu32 " (0x%" PRIx32 ")",
+    find(report, code, field.offset, "%s is %" PRIu32 " (0x%" PRIx32 "), not %" PRIu32 " (0x%" PRIx32 ")",
          field.name, value, value, field.value, field.value);
 }
 
@@ -132,7 +141,8 @@ void check_video_header(Report& report, const Header& header, bool withAudio)
     expect(report, header, {176, 4, report.width, "biWidth"});
     expect(report, header, {180, 4, report.height, "biHeight"});
     expect(report, header, {192, 4, report.width * report.height * 3, "biSizeImage"});
-    if (report.rate > 30) find(report, 132, "video dwRate is %" PRIu32 ", above 30", report.rate);
+    if (report.rate > 30)
+        find(report, cause::WrongField, 132, "video dwRate is %" PRIu32 ", above 30", report.rate);
 }
 
 void check_audio_header(Report& report, const Header& header)
@@ -154,10 +164,42 @@ void check_audio_header(Report& report, const Header& header)
         return;
     }
     if (audio.formatTag != 6 && audio.formatTag != 7)
-        find(report, 296, "wFormatTag is %u, not 6, 7 or 255", unsigned(audio.formatTag));
+        find(report, cause::WrongField, 296, "wFormatTag is %u, not 6, 7 or 255", unsigned(audio.formatTag));
     expect_all(report, header, G711Fields);
     expect(report, header, {304, 4, audio.sampleRate, "nAvgBytesPerSec"});
-    if (audio.channels > 255) find(report, 298, "nChannels is %u, above 255", unsigned(audio.channels));
+    if (audio.channels > 255)
+        find(report, cause::WrongField, 298, "nChannels is %u, above 255", unsigned(audio.channels));
+}
+
+void check_limits(Report& report, const Header& header)
+{
+    const uint32_t channels = report.audio.channels, bytes = load(&header[36], 4);
+    if (report.audio.present && channels <= 255 && channels != 1 && channels != 2)
+        find(report, cause::WrongField, 298, "nChannels is %" PRIu32 ", not 1 or 2", channels);
+    if (bytes == 0 || bytes % 5 || bytes / 5 > HighestRate)
+        find(report, cause::WrongField, 36, "dwMaxBytesPerSec is %" PRIu32 ": not five times a sample rate",
+             bytes);
+}
+
+// No damage: a recorder may leave out pictures that its encoder counts on, and the recording says what is
+// right.
+void compare_rates(Report& report, const File& file, uint64_t firstPicture, uint32_t size)
+{
+    std::vector<uint8_t> start(std::min<size_t>(size, ParameterSets));
+    start.resize(read_at(file, firstPicture, start.data(), start.size()));
+    sps::Timing timing;
+    for (const annexb::Nal& nal : annexb::split_nals(start)) {
+        if (!sps::picture_timing(std::span(start).subspan(nal.payload, nal.end - nal.payload), timing))
+            continue;
+        const double above = report.rate - timing.rate;
+        if (above > -1 && above < 1) return; // rounded, or cut off
+        char text[120];
+        snprintf(text, sizeof(text),
+                 "it is played at %" PRIu32 " pictures a second; the video itself says %.5g%s", report.rate,
+                 timing.rate, timing.fixed ? "" : ", or fewer");
+        report.notes.push_back({132, text, cause::OtherRate});
+        return;
+    }
 }
 
 } // namespace avi

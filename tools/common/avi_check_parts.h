@@ -3,6 +3,7 @@
 
 #include "avi_bytes.h"
 #include "avi_check.h"
+#include "cause.h"
 
 namespace avi {
 
@@ -16,17 +17,31 @@ struct Field
     const char* name;
 };
 
-__attribute__((format(printf, 3, 4))) void find(Report& report, uint64_t offset, const char* format, ...);
+// `code` is one of cli::cause.
+__attribute__((format(printf, 4, 5))) void find(Report& report, const char* code, uint64_t offset,
+                                                const char* format, ...);
 
-void expect(Report& report, const Header& header, const Field& field);
+// What could not be read comes first. Of the other findings so many hold in spite of it.
+void tell_unreadable(Report& report, size_t kept = 0);
+
+void expect(Report& report, const Header& header, const Field& field,
+            const char* code = cli::cause::WrongField);
 
 void check_video_header(Report& report, const Header& header, bool withAudio);
 void check_audio_header(Report& report, const Header& header);
+
+// What the headers take over from the recording's, whatever it says there.
+void check_limits(Report& report, const Header& header);
+
+// The file's rate beside that of the video, which need not be right itself.
+void compare_rates(Report& report, const File& file, uint64_t firstPicture, uint32_t size);
 
 struct Counts
 {
     bool whole = false; // every chunk was found, so that counts mean something
     uint32_t video = 0, audio = 0, largest = 0;
+    uint64_t firstPicture = 0; // where the data of the first key frame begin; 0: there is none
+    uint32_t firstSize = 0;
 };
 
 // The movi list at `area`, and the index. `riffSizeHolds`: the RIFF list ends where the file does.

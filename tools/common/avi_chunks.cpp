@@ -102,21 +102,46 @@ uint64_t find_zeros(const avi::File& file)
     return 0;
 }
 
-// Did the zeros take its end? Those at the end of a chunk behind which the file ends too are its own, but a
-// pad byte is none.
+// Did the zeros take its end? Those at the end of a chunk behind which the file ends too are its own. A pad
+// byte that is missing is no loss.
 bool is_torn(const avi::File& file, const avi::Head& head, uint64_t zeros)
 {
-    return head.end > file.length || (head.end > zeros && (head.end < file.length || head.size % 2));
+    const uint64_t data = head.end - head.size % 2;
+    return data > zeros && data != file.length;
+}
+
+// A kill leaves none behind a torn chunk. By chance its own bytes look like the head of one, but hardly with
+// another head where that one ends, or with all that was written.
+bool chunks_behind(avi::Window& window, uint64_t torn, uint64_t zeros)
+{
+    avi::Window beyond(window.file);
+    avi::Head head{}, next{};
+    for (uint64_t at = torn + 8; at < zeros && avi::read_head(window, at, head); ++at) {
+        if (head.id == avi::fcc("idx1") &&
+            (at + 12 > zeros || avi::is_stream(avi::look_word(beyond, at + 8))))
+            return true;
+        if (!avi::is_stream(head.id) || head.size > LargestChunk) continue;
+        if (head.end + 8 > zeros) return true;
+        if (avi::read_head(beyond, head.end, next) &&
+            (avi::is_stream(next.id) || next.id == avi::fcc("idx1")))
+            return true;
+    }
+    window.failed |= beyond.failed;
+    return false;
 }
 
 // A chunk that claims to be bigger than any frame is damage, behind which more may lie.
-bool may_be_cut(avi::Window& window, const AviChunks& chunks, uint64_t zeros)
+bool may_be_cut(avi::Window& window, const AviChunks& chunks, uint64_t zeros, std::string& why)
 {
+    const std::string place = std::to_string(chunks.end);
     const uint64_t cut = zeros > chunks.end ? zeros - chunks.end : 0;
     avi::Head head{};
     if (cut < sizeof(AVI_FrameHeader) || !avi::read_head(window, chunks.end, head)) return true;
+    why = "what lies at offset " + place + " is no torn chunk";
     if (head.id == avi::fcc("idx1")) return cut <= 8 + EntrySize * count_of(chunks);
-    return avi::is_stream(head.id) && head.size <= LargestChunk;
+    if (!avi::is_stream(head.id) || head.size > LargestChunk) return false;
+    why = "chunks lie behind what looks like a torn one, at offset " + place;
+    return !chunks_behind(window, chunks.end, zeros);
 }
 
 } // namespace
@@ -125,7 +150,7 @@ bool read_chunks(const avi::File& file, AviChunks& chunks, std::string& why)
 {
     Walk walk(file);
     if (!find_first(walk.window, chunks)) {
-        why = "no chunks where those of a recording begin";
+        why = walk.window.failed ? "it cannot be read" : "no chunks where those of a recording begin";
         return false;
     }
     const uint64_t zeros = find_zeros(file);
@@ -140,17 +165,17 @@ bool read_chunks(const avi::File& file, AviChunks& chunks, std::string& why)
             return false;
         }
     }
-    chunks.cut = file.length - chunks.end;
+    chunks.cut = file.length > chunks.end ? file.length - chunks.end : 0;
     why = "no whole chunk in it";
-    if (count_of(chunks) == 0) return false;
-    why = "what lies at offset " + std::to_string(chunks.end) + " is no torn chunk";
-    if (!may_be_cut(walk.window, chunks, zeros)) return false;
+    const bool known = count_of(chunks) > 0 && may_be_cut(walk.window, chunks, zeros, why);
+    if (!walk.window.failed && !avi::is_stopped(file)) return known;
     why = "it cannot be read to its end";
-    return !walk.window.failed && !avi::is_stopped(file);
+    return false;
 }
 
 bool each_entry(const avi::File& file, const AviChunks& chunks,
-                const std::function<bool(const AVI_IndexEntity&)>& take)
+                const std::function<bool(const AVI_IndexEntity&)>& take,
+                const std::function<bool(uint64_t)>& wrongPad)
 {
     Walk walk(file);
     avi::Head head{};
@@ -160,6 +185,10 @@ bool each_entry(const avi::File& file, const AviChunks& chunks,
         const uint32_t flags = is_key_chunk(walk, at, head) ? KeyFlag : 0;
         const auto offset = uint32_t(at - chunks.area - MoviHeader + 4); // from the "movi"
         if (walk.window.failed || !take({head.id, flags, offset, head.size})) return false;
+        if (head.size % 2 == 0) continue;
+        const uint8_t* pad =
+            avi::look(walk.window, head.end - 1, 1); // with the next chunk's head in one read
+        if (walk.window.failed || ((!pad || *pad != PadByte) && !wrongPad(head.end - 1))) return false;
     }
     return count == count_of(chunks);
 }

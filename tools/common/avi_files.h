@@ -5,6 +5,7 @@
 #include "avi_hints.h"
 #include "disk_room.h"
 #include "index_bound.h"
+#include "losses.h"
 #include "recording_name.h"
 
 #include <chrono>
@@ -30,7 +31,8 @@ struct FinishedFile
     std::shared_ptr<FileLock> lock; // until it has its name
 };
 
-// The first key frame behind one of the limits begins a new file. The time is that of our clock, as it is for
+// A file begins with a key frame that can be deciphered: what comes before it could not be played. The first
+// one behind one of the limits begins a new file. The time is that of our clock, as it is for
 // the files' names: a camera's time stamps may stand still or jump, and then a file would never end.
 //
 // When the disk takes no more, the open file is finished as far as it goes. From then on the first key frame
@@ -54,10 +56,16 @@ struct AviFiles
     std::chrono::steady_clock::time_point opened;
     DiskRoom room;
 
-    std::string trouble; // why no file can be written; empty as long as one can
+    Why trouble; // why no file can be written; without a text as long as one can
     std::chrono::steady_clock::time_point nextTry;
-    uint64_t notWritten = 0; // frames of this stream
+
+    uint64_t recorded = 0; // frames of this stream, and what of it is in no file
+    Losses losses;
+    SdvReport counted{}; // of the open file, and already among these
 };
+
+// Is nothing written at the moment, since the disk takes nothing?
+bool is_stalled(const AviFiles& files);
 
 // The library's job has its m_Header; the stream begins now.
 void begin_stream(AviFiles& files);
@@ -80,8 +88,5 @@ uint64_t file_size();
 uint64_t most_added(std::span<const uint8_t> frame);
 
 bool is_key_frame(std::span<const uint8_t> frame);
-
-// What a header leaves open about the audio.
-void complete_header(S_FileHeader& header);
 
 } // namespace tools

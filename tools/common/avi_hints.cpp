@@ -1,6 +1,7 @@
 #include "avi_hints.h"
 
 #include "Quorlin.h"
+#include "avi_bytes.h"
 #include "frame_cutter.h"
 #include "sps.h"
 
@@ -8,7 +9,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <fstream>
 
 namespace tools {
 namespace {
@@ -22,11 +22,6 @@ int code_of(uint16_t formatTag)
 {
     if (formatTag == 0xFF) return 22;
     return formatTag == 6 ? 1 : 2;
-}
-
-bool is_audio_code(int code)
-{
-    return std::find(std::begin(AudioCodes), std::end(AudioCodes), code) != std::end(AudioCodes);
 }
 
 bool is_late_audio(uint32_t note)
@@ -58,13 +53,15 @@ AviHints hints_of_header(const S_FileHeader& header)
 }
 
 // The coding that the first frame to name one names; 0 when none does.
-int find_audio_code(std::istream& input, int mode)
+int find_audio_code(const avi::File& input, int mode)
 {
     sdv::FrameCutter cutter;
-    while (input) {
+    for (uint64_t at = sizeof(S_FileHeader); at < input.length;) {
         const auto room = sdv::piece_room(cutter);
-        input.read(reinterpret_cast<char*>(room.data()), std::streamsize(room.size()));
-        sdv::add_piece(cutter, size_t(input.gcount()));
+        const size_t got = avi::read_at(input, at, room.data(), room.size());
+        if (got == 0) break;
+        at += got;
+        sdv::add_piece(cutter, got);
         for (auto frame = sdv::take_frame(cutter, mode); !frame.empty();
              frame = sdv::take_frame(cutter, mode)) {
             const int code = frame[offsetof(S_FrameHeader, u8ACoder)];
@@ -82,16 +79,25 @@ void add(std::optional<Value>& hint, const std::optional<Value>& other)
 
 } // namespace
 
+bool is_audio_code(int code)
+{
+    return std::find(std::begin(AudioCodes), std::end(AudioCodes), code) != std::end(AudioCodes);
+}
+
 bool hints_of_recording(const std::string& path, AviHints& hints, std::string& why)
 {
-    std::ifstream input(path, std::ios::binary);
-    if (!input) {
-        why = "cannot open " + path + ": " + strerror(errno);
+    const avi::File input(path); // which never waits for what is no regular file
+    if (input.fd < 0) {
+        why = "cannot open " + path + ": " + (errno == EINVAL ? "it is no regular file" : strerror(errno));
         return false;
     }
     S_FileHeader header{};
-    input.read(reinterpret_cast<char*>(&header), sizeof(header));
-    if (!input || !IsValidFileHeader(&header)) {
+    const size_t got = avi::read_at(input, 0, reinterpret_cast<uint8_t*>(&header), sizeof(header));
+    if (got < std::min<uint64_t>(input.length, sizeof(header))) {
+        why = "cannot read " + path + ": " + strerror(errno);
+        return false;
+    }
+    if (got != sizeof(header) || !IsValidFileHeader(&header)) {
         why = path + " is no SDV recording";
         return false;
     }

@@ -20,6 +20,9 @@ struct AviHints
     std::optional<uint32_t> channels = {};  // else 1
 };
 
+// One of those that a frame names.
+bool is_audio_code(int code);
+
 // From the recording that the file was made of, or from another file of the same camera. False, and the
 // reason in `why`, when that is not to be had.
 bool hints_of_recording(const std::string& path, AviHints& hints, std::string& why);

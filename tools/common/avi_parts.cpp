@@ -1,5 +1,6 @@
 #include "avi_parts.h"
 #include "frame_cutter.h"
+#include "sdv_scan.h"
 
 #include "Quorlin.h"
 
@@ -43,7 +44,10 @@ void add_counts(SdvReport& sum, const SdvReport& part)
 bool open_part(AviParts& parts, std::string& why)
 {
     TempOutput& file = parts.files.emplace_back();
-    if (!create_temp(file, parts.target, why)) return false;
+    if (!create_temp(file, parts.target, why, parts.rights)) {
+        parts.outputError = errno;
+        return false;
+    }
     const int fd = open(file.path.c_str(), O_RDWR | O_CLOEXEC);
     const bool opened = StartRecord(0, library_path(file.path, fd).c_str(), 1) == 0;
     why = file.target + ": cannot be opened";
@@ -97,11 +101,21 @@ bool push_frame(AviParts& parts, std::span<uint8_t> frame, std::string& why)
 {
     if (is_key_frame(frame) && !begin_group(parts, why)) return false;
     if (!reserve_room(parts.room, file_size() + most_added(frame), why)) {
+        parts.outputError = errno;
         why = parts.target + ": cannot be written: " + why;
         return false;
     }
     RecordAvi(frame.data(), int(frame.size())); // no other thread is at work on the job
     return true;
+}
+
+void count_number(AviParts& parts, std::span<const uint8_t> frame)
+{
+    constexpr int Mpeg4Mode = 11; // its frames have other headers
+    sdv::ScannedFrame scanned{0, frame, {}, {}, {}};
+    memcpy(&scanned.header, frame.data(), sizeof(scanned.header));
+    if (job.m_Header.Mode != Mpeg4Mode && sdv::is_consistent(scanned))
+        sdv::add_number(parts.numbers, scanned.header.u32FrameNO);
 }
 
 bool push_frames(AviParts& parts, sdv::FrameCutter& cutter, Place& place, std::string& why)
@@ -110,6 +124,7 @@ bool push_frames(AviParts& parts, sdv::FrameCutter& cutter, Place& place, std::s
         const auto frame =
             parts.asFile ? sdv::take_file_frame(cutter) : sdv::take_frame(cutter, job.m_Header.Mode);
         if (frame.empty()) return true;
+        count_number(parts, frame);
         if (!job.m_fsRec && !is_key_frame(frame)) continue;
         const uint64_t end = place.read - (cutter.end - cutter.begin);
         note_gap(parts.report, place, end - frame.size());
@@ -134,6 +149,11 @@ Pushed push_all(int fd, AviParts& parts, std::atomic<uint32_t>& kib, std::string
 {
     sdv::FrameCutter cutter;
     Place place{parts.asFile ? 0 : sizeof(S_FileHeader)};
+    if (!parts.ahead.empty()) {
+        place.read = parts.ahead.size();
+        std::copy(parts.ahead.begin(), parts.ahead.end(), sdv::piece_room(cutter).begin());
+        sdv::add_piece(cutter, parts.ahead.size());
+    }
     begin_rescue(parts.input, fd, place.read);
     while (const size_t got = read_piece(fd, place.read, sdv::piece_room(cutter), parts)) {
         sdv::add_piece(cutter, got);
@@ -141,9 +161,13 @@ Pushed push_all(int fd, AviParts& parts, std::atomic<uint32_t>& kib, std::string
         kib = uint32_t(place.read >> 10);
         if (!push_frames(parts, cutter, place, why)) return Pushed::no_output;
     }
+    while (sdv::skip_torn(cutter))
+        if (!push_frames(parts, cutter, place, why)) return Pushed::no_output;
     const bool begun = job.m_fsRec;
     note_gap(parts.report, place, place.read);
     parts.report.u64BytesUnreadable = parts.input.lostBytes;
+    parts.report.u64FramesMissing = parts.numbers.missing;
+    parts.report.u64NumberGaps = parts.numbers.gaps;
     if (parts.input.lostBytes) parts.report.u64FirstUnreadable = parts.input.lost.begin()->first;
     if (!finish_part(parts, why)) return Pushed::no_output;
     return begun ? Pushed::all : Pushed::no_key_frame;
@@ -157,7 +181,7 @@ Pushed push_recording(int fd, const S_FileHeader& header, AviParts& parts, std::
     Initialize(8000);
     if (!job.m_pStreamBuf) return Pushed::no_memory;
     job.m_Header = header;
-    complete_header(job.m_Header);
+    CompleteFileHeader(&job.m_Header);
     const Pushed outcome = push_all(fd, parts, kib, why);
     QuorlinRelease();
     return outcome;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "avi_files.h"
+#include "frame_numbers.h"
 #include "report_text.h"
 #include "rescue_read.h"
 #include "temp_output.h"
@@ -24,14 +25,18 @@ struct PartLimits
 struct AviParts
 {
     std::string target; // for their temporary names
+    mode_t rights = 0666;
     PartLimits limits;
     bool asFile = false; // frames are found as in a file conversion, and the input begins with its header
+    std::vector<uint8_t> ahead; // the input's first bytes, where they are no header: they may be of a frame
     std::deque<TempOutput> files;
     std::vector<uint64_t> firstPictures; // of each file, counted from the recording's start
     uint64_t pictures = 0;
     SdvReport report{};              // of them all
     std::vector<std::string> losses; // that the report does not count, in words
     RescueRead input;                // what could not be read
+    sdv::FrameNumbers numbers;       // of all frames
+    int outputError = 0;             // with no_output, where a call failed
 
     DiskRoom room;
     uint64_t groupStart = 0, largestGroup = 0; // bytes from one key frame to the next

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tools {
@@ -111,7 +112,8 @@ uint32_t entries_size(const AviChunks& chunks)
     return uint32_t(sizeof(AVI_IndexEntity)) * (chunks.pictures + chunks.audio);
 }
 
-bool write_index(const avi::File& file, const AviChunks& chunks, const Sink& sink)
+bool write_index(const avi::File& file, const AviChunks& chunks, const Sink& sink,
+                 const std::function<bool(uint64_t)>& setPad)
 {
     Bytes block;
     append_record(block, AVI_IndexHeader{avi::fcc("idx1"), entries_size(chunks)});
@@ -122,7 +124,7 @@ bool write_index(const avi::File& file, const AviChunks& chunks, const Sink& sin
         block.clear();
         return written;
     };
-    return each_entry(file, chunks, add) && sink(block);
+    return each_entry(file, chunks, add, setPad) && sink(block);
 }
 
 bool build_headers(const AviHints& hints, uint32_t area, Ending& ending)
@@ -168,17 +170,6 @@ bool plan_ending(const avi::File& file, const avi::Report& report, AviHints hint
 
 // ---- writing
 
-bool write_at(int fd, uint64_t offset, std::span<const uint8_t> bytes)
-{
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t put = pwrite(fd, &bytes[done], bytes.size() - done, off_t(offset + done));
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) return false;
-        done += size_t(put);
-    }
-    return true;
-}
-
 const char* what_failed(const avi::File& file)
 {
     if (avi::is_stopped(file)) return "interrupted";
@@ -196,8 +187,9 @@ bool finish_in_place(const std::string& path, const avi::File& file, const Endin
         at += bytes.size();
         return write_at(fd, at - bytes.size(), bytes);
     };
+    const auto setPad = [fd](uint64_t pad) { return write_at(fd, pad, {&PadByte, 1}); };
     errno = 0;
-    const bool indexed = ftruncate(fd, off_t(at)) == 0 && write_index(file, ending.chunks, append) &&
+    const bool indexed = ftruncate(fd, off_t(at)) == 0 && write_index(file, ending.chunks, append, setPad) &&
                          sync_in_pieces(fd, file.stop);
     const bool written = indexed && write_at(fd, 0, ending.headers) && fsync(fd) == 0;
     if (!written) why = what_failed(file);
@@ -224,33 +216,45 @@ bool finish_copy(OutputFile& output, const avi::File& file)
            finish_output(output);
 }
 
-bool copy_sound(const avi::File& file, const std::string& target, std::string& why, bool replace)
+// What not everybody may read is not to be read as a copy either.
+bool create_copy(const avi::File& file, const std::string& target, TempOutput& beside, std::string& why)
 {
-    TempOutput beside;
+    struct stat status;
+    if (fstat(file.fd, &status) != 0) return fail(why, strerror(errno));
     remove_abandoned_temps(target);
-    if (!create_temp(beside, target, why)) return false;
-    OutputFile output(beside.path);
-    errno = 0;
-    if (!output.file || !copy_chunks(file, 0, file.length, output) || !finish_copy(output, file))
-        return fail(why, "cannot write " + target + ": " + what_failed(file));
-    return commit_temp(beside, why, replace);
+    return create_temp(beside, target, why, status.st_mode & 0666);
 }
 
-bool write_repaired(const avi::File& file, const std::string& target, const Ending& ending, std::string& why,
-                    bool replace = true)
+bool copy_sound(const avi::File& file, const TempOutput& beside, std::string& why)
+{
+    OutputFile output(beside.path);
+    errno = 0;
+    if (output.file && copy_chunks(file, 0, file.length, output) && finish_copy(output, file)) return true;
+    return fail(why, "cannot write " + beside.target + ": " + what_failed(file));
+}
+
+bool write_repaired(const avi::File& file, const TempOutput& beside, const Ending& ending, std::string& why)
 {
     const AviChunks& chunks = ending.chunks;
-    TempOutput beside;
-    remove_abandoned_temps(target);
-    if (!create_temp(beside, target, why)) return false;
     OutputFile output(beside.path);
     const auto append = [&output](std::span<const uint8_t> bytes) { return write_output(output, bytes); };
+    const uint64_t begin = chunks.area + MoviHeader, end = std::min(chunks.end, file.length);
+    const auto setPad = [&output, moved = ending.headers.size() - begin](uint64_t pad) {
+        return write_at(fileno(output.file), pad + moved, {&PadByte, 1});
+    };
     errno = 0;
-    const bool written = output.file && append(ending.headers) &&
-                         copy_chunks(file, chunks.area + MoviHeader, chunks.end, output) &&
-                         write_index(file, chunks, append) && finish_copy(output, file);
-    if (!written) return fail(why, "cannot write " + target + ": " + what_failed(file));
-    return commit_temp(beside, why, replace);
+    const bool written = output.file && append(ending.headers) && copy_chunks(file, begin, end, output) &&
+                         append({&PadByte, size_t(chunks.end - end)}) && fflush(output.file) == 0 &&
+                         write_index(file, chunks, append, setPad) && finish_copy(output, file);
+    return written || fail(why, "cannot write " + beside.target + ": " + what_failed(file));
+}
+
+bool finish_anew(const std::string& path, const avi::File& file, const Ending& ending, std::string& why)
+{
+    TempOutput beside;
+    if (!create_copy(file, path, beside, why) || !write_repaired(file, beside, ending, why)) return false;
+    take_over(beside, file.fd);
+    return commit_temp(beside, why);
 }
 
 } // namespace
@@ -280,7 +284,7 @@ bool repair_locked(const std::string& path, const AviHints& hints, const Beside&
     std::string trouble;
     const bool fits = ending.headers.size() == ending.chunks.area + MoviHeader;
     const bool written =
-        fits ? finish_in_place(path, file, ending, trouble) : write_repaired(file, path, ending, trouble);
+        fits ? finish_in_place(path, file, ending, trouble) : finish_anew(path, file, ending, trouble);
     return written || fail(why, trouble);
 }
 
@@ -292,9 +296,13 @@ bool repair_avi_into(const std::string& path, const std::string& output, const A
     const avi::Report report = avi::check_file(file);
     std::string trouble;
     why = "sound already, copied";
-    if (report.sound()) return copy_sound(file, output, trouble, replace) || fail(why, trouble);
-    if (!plan_ending(file, report, hints, {}, ending, why)) return false;
-    return write_repaired(file, output, ending, trouble, replace) || fail(why, trouble);
+    if (!report.sound() && !plan_ending(file, report, hints, {}, ending, why)) return false;
+    TempOutput beside;
+    const bool written = create_copy(file, output, beside, trouble) &&
+                         (report.sound() ? copy_sound(file, beside, trouble)
+                                         : write_repaired(file, beside, ending, trouble)) &&
+                         commit_temp(beside, trouble, replace);
+    return written || fail(why, trouble);
 }
 
 } // namespace tools

@@ -68,7 +68,7 @@ void tell_status(Events& events, const Details& details, const std::string& text
 {
     if (!events.redraws || !events.out) return tell(events, "status", details, text);
     if (!takes_output(events)) return;
-    fprintf(events.out, "\r%s\033[K", text.c_str());
+    fprintf(events.out, "\r\033[K\033[?7l%s\033[?7h", text.c_str()); // cut off where the line ends
     fflush(events.out);
     events.statusShown = true;
 }

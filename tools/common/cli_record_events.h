@@ -1,7 +1,9 @@
-// How a recording goes, told while it goes on.
+// What a recorder tells: how the recording goes, what is lost, and why it ends.
 #pragma once
 
+#include "camera.h"
 #include "cli_events.h"
+#include "part_files.h"
 #include "publisher.h"
 
 #include <chrono>
@@ -9,7 +11,26 @@
 
 namespace cli {
 
+// A line on standard error.
+void note(Events& events, const std::string& text);
+
+// ---- the files
+
+void tell_recovered(Events& events, const tools::Recovered& file);
 void tell_finished(Events& events, const tools::Published& published);
+void tell_not_finished(Events& events, const tools::Published& published);
+void tell_stalled(Events& events, const tools::AviFiles& files);
+void tell_resumed(Events& events, const tools::AviFiles& files);
+
+// ---- the camera
+
+void tell_unreachable(Events& events, const std::string& peer, const std::string& why, int nextCall);
+
+// What it is time to tell of what the camera sends and no file gets.
+void tell_losses(Events& events, tools::Camera& camera, const tools::AviFiles& files);
+
+// The camera has gone. What was lost and not told of yet is told before that.
+void tell_lost(Events& events, tools::Camera& camera, const tools::AviFiles& files);
 
 // What was told of a stream last, for its rate since.
 struct Told
@@ -18,9 +39,11 @@ struct Told
     std::chrono::steady_clock::time_point at;
 };
 
-// The part file is empty, and the report too, as long as nothing is recorded. `bytes` came from the peer, of
-// whose frames so many could not be written.
-void tell_recording(Events& events, Told& told, const std::string& peer, const std::string& partFile,
-                    uint64_t bytes, const SdvReport& report, uint64_t notWritten);
+// How the recording stands.
+void tell_recording(Events& events, Told& told, const tools::Camera& camera, const tools::AviFiles& files);
+
+// ---- the end
+
+void tell_stopped(Events& events, int files, const tools::Outcome& outcome);
 
 } // namespace cli

@@ -15,6 +15,15 @@ CLI::Validator endpoint_check()
     return {check, "HOST:PORT", "endpoint"};
 }
 
+// There are several files, and a key is no stream: "-" is neither.
+CLI::Validator path_check()
+{
+    const auto check = [](const std::string& text) {
+        return text != "-" ? "" : "standard input and output cannot be used here; ./- is what is called so";
+    };
+    return {check, "", "path"};
+}
+
 void add_options(CLI::App& app, RecordOptions& options)
 {
     const std::map<std::string, int> units = {{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
@@ -25,9 +34,10 @@ void add_options(CLI::App& app, RecordOptions& options)
     app.add_option("--connect", options.connect, "the camera to call, again whenever it is lost")
         ->check(endpoint_check())
         ->excludes(listen);
-    app.add_option("--out", options.directory, "directory of the AVI files")->required();
+    app.add_option("--out", options.directory, "directory of the AVI files")->required()->check(path_check());
     app.add_option("--key-file", options.keyFile,
-                   "file with the key of an encrypted stream (default: $SDV_KEY)");
+                   "file with the key of an encrypted stream (default: $SDV_KEY)")
+        ->check(path_check());
     app.add_option("--max-size", options.maxSize,
                    "bytes after which the next key frame begins a new file, such as 700M or 2G")
         ->transform(CLI::AsNumberWithUnit(sizes))
@@ -63,6 +73,7 @@ std::optional<int> parse_record_options(RecordOptions& options, int argc, char**
                    "sdvrecord --connect camera.local:9000 --out recordings --max-time 1h --json",
                    {{Failed, "it failed, or --once brought no recording"},
                     {NoRecording, "--once: the camera sent no SDV recording"},
+                    {NoKeyFrame, ""},
                     {KeyTrouble, ""},
                     {NoOutput, ""}}});
     return parse(app, argc, argv);

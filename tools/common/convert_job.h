@@ -2,12 +2,17 @@
 #pragma once
 
 #include "Quorlin.h"
+#include "cause.h"
 #include "exit_code.h"
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
+#include <time.h>
 
 namespace tools {
 
@@ -31,20 +36,27 @@ struct Result
 {
     cli::Exit exit = cli::Fine;
     std::string cause; // when it failed
+    std::string code;  // one of cli::cause, also for frames that were left out for that; else empty
     bool damaged = false;
+    bool noRoom = false; // the disk is full for others, too
+    size_t left = 0;     // jobs that were not begun for that
     std::vector<std::string> outputs, notes;
     uint64_t pictures = 0, bytes = 0; // bytes of the outputs
     double seconds = 0;
     SdvReport report{};
+    double soundEarly = 0; // seconds, in the part where it is most
 };
 
 struct Job
 {
     std::string input, output; // "-": standard input, behind its file header
     S_FileHeader header{};
-    uint64_t size = 0; // of the input; 0: not known
-    Result refused;    // with a cause: it is not to be tried
+    uint64_t size = 0;                // of the input; 0: not known
+    mode_t rights = 0666;             // of the input; an output gets no others
+    std::optional<timespec> modified; // the input was
+    Result refused;                   // with a cause: it is not to be tried
     std::vector<std::string> notes;
+    std::vector<uint8_t> ahead; // the input's first bytes, where `header` is not its own
 };
 
 // Convert. The outputs appear under their names when all of it is done. `kib` follows the input's bytes.

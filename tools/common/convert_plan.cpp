@@ -16,6 +16,7 @@ namespace tools {
 namespace {
 
 namespace fs = std::filesystem;
+namespace cause = cli::cause;
 
 bool refuse(std::string& why, const std::string& reason)
 {
@@ -23,10 +24,16 @@ bool refuse(std::string& why, const std::string& reason)
     return false;
 }
 
-void refuse_job(Job& job, cli::Exit code, const std::string& cause)
+void refuse_job(Job& job, cli::Exit exit, const char* code, const std::string& cause)
 {
-    job.refused.exit = code;
+    job.refused.exit = exit;
+    job.refused.code = code;
     job.refused.cause = job.input + ": " + cause;
+}
+
+bool is_refused(const Job& job)
+{
+    return !job.refused.cause.empty();
 }
 
 bool is_folder(const std::string& path)
@@ -43,39 +50,102 @@ struct Found
     fs::path folder; // where below the folder that was named; empty for a recording that was named itself
 };
 
-// What was found stands even where reading on failed.
-template <typename Iterator>
-std::vector<Found> find_with(const fs::path& root, std::error_code& error)
+struct Search
 {
-    std::vector<Found> found;
-    for (Iterator at(root, fs::directory_options::skip_permission_denied, error), end; !error && at != end;
-         at.increment(error)) {
-        const fs::path& path = at->path();
-        std::error_code ignored;
-        if (strcasecmp(path.extension().c_str(), ".sdv") == 0 && at->is_regular_file(ignored))
-            found.push_back({path.string(), path.parent_path().lexically_proximate(root)});
+    const PlanRequest& request;
+    fs::path root;
+    std::vector<fs::path> folders{}; // to be read yet
+    std::vector<Found> found{};
+    std::vector<std::pair<fs::path, std::string>> unreadable{}; // folders, and why
+    std::vector<std::string> notes{};
+};
+
+// What a link leads to is taken where it is a recording. A folder is not: it may lead back to one above it.
+void look_at(Search& search, const fs::directory_entry& entry)
+{
+    const fs::path& path = entry.path();
+    const bool recording = strcasecmp(path.extension().c_str(), ".sdv") == 0;
+    std::error_code error, unknown;
+    const bool link = entry.is_symlink(unknown);
+    const fs::file_type type = fs::status(path, error).type();
+    if (link && type == fs::file_type::directory) {
+        if (search.request.recurse || recording)
+            search.notes.push_back(path.string() + ": a link to a folder, which is not followed");
+    } else if (entry.is_directory(unknown)) {
+        if (search.request.recurse) search.folders.push_back(path);
+    } else if (recording && link && type == fs::file_type::not_found) {
+        search.notes.push_back(path.string() + ": a link that leads nowhere");
+    } else if (recording && type != fs::file_type::regular && !error) {
+        search.notes.push_back(path.string() + ": no regular file, and left out");
+    } else if (recording) {
+        search.found.push_back({path.string(), path.parent_path().lexically_proximate(search.root)});
     }
-    std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.path < b.path; });
-    return found;
 }
 
-// False with errno 0 when it was read, and is none of a recording.
-bool read_header(int fd, S_FileHeader& header)
+// What was found stands even where reading on failed.
+void search_folder(Search& search, const fs::path& folder)
+{
+    std::error_code error;
+    for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error))
+        look_at(search, *at);
+    if (error) search.unreadable.push_back({folder, error.message()});
+}
+
+void search_all(Search& search)
+{
+    search.folders = {search.root};
+    while (!search.folders.empty()) {
+        const fs::path folder = search.folders.back();
+        search.folders.pop_back();
+        search_folder(search, folder);
+    }
+    std::sort(search.found.begin(), search.found.end(),
+              [](const Found& a, const Found& b) { return a.path < b.path; });
+    std::sort(search.unreadable.begin(), search.unreadable.end());
+    std::sort(search.notes.begin(), search.notes.end());
+}
+
+// The input's first bytes, as many as it has up to a file header's size. False, and errno, when they cannot
+// be read.
+bool read_head(int fd, std::vector<uint8_t>& head)
 {
     size_t held = 0;
-    errno = 0;
-    while (held < sizeof(header)) {
-        const ssize_t got = read(fd, reinterpret_cast<char*>(&header) + held, sizeof(header) - held);
+    head.resize(sizeof(S_FileHeader));
+    while (held < head.size()) {
+        const ssize_t got = read(fd, &head[held], head.size() - held);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return false;
-        errno = 0;
         if (got == 0) break;
         held += size_t(got);
     }
-    return held == sizeof(header) && IsValidFileHeader(&header);
+    head.resize(held);
+    return true;
 }
 
-void read_input(Job& job)
+// Of what cannot be sought, too little is seen to find a frame: who gives a header for it knows what it is.
+void read_start(Job& job, int fd, const sdv::Like& like)
+{
+    std::vector<uint8_t> head;
+    if (!read_head(fd, head))
+        return refuse_job(job, cli::Failed, cause::CannotRead,
+                          "cannot be read: " + std::string(strerror(errno)));
+    const off_t at = lseek(fd, 0, SEEK_CUR);
+    sdv::Beginning beginning = sdv::look_at_start(fd, at < 0 ? -1 : at - off_t(head.size()), head);
+    if (beginning.start == sdv::Start::Recording) return (void)memcpy(&job.header, head.data(), head.size());
+
+    const bool given = !like.path.empty();
+    if (given && at < 0 && beginning.start == sdv::Start::Other)
+        beginning = {sdv::Start::HeaderLost, 0, uint32_t(GetFrameFlagByMode(like.header.Mode))};
+    std::string why = start_text(beginning.start);
+    if (!given || beginning.start != sdv::Start::HeaderLost ||
+        !borrow_header(like, beginning, job.header, why)) {
+        return refuse_job(job, cli::NoRecording, start_code(beginning.start), why);
+    }
+    job.notes.push_back(sdv::borrowed_text(like.path));
+    job.ahead = head;
+}
+
+void read_input(Job& job, const sdv::Like& like)
 {
     const bool standard = job.input == "-";
     const int fd = standard ? STDIN_FILENO : open(job.input.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -83,12 +153,16 @@ void read_input(Job& job)
     {
     };
     if (fd < 0 || fstat(fd, &status) != 0)
-        refuse_job(job, cli::Failed, strerror(errno));
+        refuse_job(job, cli::Failed, cause::CannotRead, strerror(errno));
     else if (!standard && !S_ISREG(status.st_mode))
-        refuse_job(job, cli::NoRecording, "is no regular file (- reads a stream from standard input)");
-    else if (!read_header(fd, job.header))
-        errno ? refuse_job(job, cli::Failed, "cannot be read: " + std::string(strerror(errno)))
-              : refuse_job(job, cli::NoRecording, "is no SDV recording");
+        refuse_job(job, cli::NoRecording, cause::NoRecording,
+                   "is no regular file (- reads a stream from standard input)");
+    else
+        read_start(job, fd, like);
+    if (S_ISREG(status.st_mode)) {
+        job.rights = status.st_mode & 0666;
+        job.modified = status.st_mtim;
+    }
     if (!standard) job.size = uint64_t(status.st_size);
     if (!standard && fd >= 0) close(fd);
 }
@@ -116,7 +190,7 @@ void number_starts(std::vector<Job>& jobs)
 {
     std::map<std::string, int> taken;
     for (Job& job : jobs) {
-        if (!job.refused.cause.empty() || !start_of(job.header)) continue;
+        if (is_refused(job) || !start_of(job.header)) continue;
         const int number = ++taken[identity(job.output)];
         const fs::path name = job.output;
         if (number > 1)
@@ -124,27 +198,40 @@ void number_starts(std::vector<Job>& jobs)
     }
 }
 
-bool check_names(const std::vector<Job>& jobs, std::string& why)
+// All that would get one name: whoever named them so has to say which is meant.
+void refuse_clashes(std::vector<Job>& jobs)
 {
-    std::map<std::string, const Job*> outputs;
-    std::map<std::pair<dev_t, ino_t>, const Job*> inputs;
+    std::map<std::string, std::vector<Job*>> outputs;
+    for (Job& job : jobs)
+        if (!is_refused(job)) outputs[identity(job.output)].push_back(&job);
+    for (const auto& [name, clashing] : outputs)
+        for (Job* job : clashing) {
+            if (clashing.size() == 1) continue;
+            const Job* other = clashing[clashing[0] == job ? 1 : 0];
+            refuse_job(*job, cli::Usage, cause::NameClash,
+                       "it and " + other->input + " would both become " + job->output);
+        }
+}
+
+void refuse_inputs_as_outputs(const PlanRequest& request, std::vector<Job>& jobs)
+{
+    std::map<std::pair<dev_t, ino_t>, std::string> inputs;
     struct stat status
     {
     };
     for (const Job& job : jobs)
-        if (stat(job.input.c_str(), &status) == 0) inputs[{status.st_dev, status.st_ino}] = &job;
-    for (const Job& job : jobs) {
-        if (!job.refused.cause.empty()) continue;
-        const auto [other, isNew] = outputs.emplace(identity(job.output), &job);
-        if (!isNew)
-            return refuse(why,
-                          other->second->input + " and " + job.input + " would both become " + job.output);
-        if (stat(job.output.c_str(), &status) != 0) continue;
+        if (stat(job.input.c_str(), &status) == 0)
+            inputs[{status.st_dev, status.st_ino}] = "the input " + job.input;
+    if (stat(request.keyFile.c_str(), &status) == 0) inputs[{status.st_dev, status.st_ino}] = "the key file";
+    if (stat(request.like.path.c_str(), &status) == 0)
+        inputs[{status.st_dev, status.st_ino}] = "that of --like";
+    for (Job& job : jobs) {
+        if (is_refused(job) || stat(job.output.c_str(), &status) != 0) continue;
         const auto input = inputs.find({status.st_dev, status.st_ino});
         if (input != inputs.end())
-            return refuse(why, job.output + ": is the same file as the input " + input->second->input);
+            refuse_job(job, cli::Usage, cause::SameFile,
+                       "the output " + job.output + " is the same file as " + input->second);
     }
-    return true;
 }
 
 void make_folders(std::vector<Job>& jobs)
@@ -152,8 +239,9 @@ void make_folders(std::vector<Job>& jobs)
     for (Job& job : jobs) {
         std::error_code error;
         const fs::path folder = fs::path(job.output).parent_path();
-        if (job.refused.cause.empty() && !folder.empty()) fs::create_directories(folder, error);
-        if (error) refuse_job(job, cli::NoOutput, folder.string() + ": " + error.message());
+        if (!is_refused(job) && !folder.empty()) fs::create_directories(folder, error);
+        if (error)
+            refuse_job(job, cli::NoOutput, cause::CannotWrite, folder.string() + ": " + error.message());
     }
 }
 
@@ -161,7 +249,7 @@ void add_job(const PlanRequest& request, const Found& found, bool intoFolder, st
 {
     Job& job = jobs.emplace_back();
     job.input = found.path;
-    read_input(job);
+    read_input(job, request.like);
     if (!intoFolder && !request.output.empty()) {
         job.output = request.output;
         return;
@@ -171,18 +259,21 @@ void add_job(const PlanRequest& request, const Found& found, bool intoFolder, st
     job.output = (folder / output_name(request, job)).string();
 }
 
-void add_folder(const PlanRequest& request, const std::string& folder, bool intoFolder,
-                std::vector<Job>& jobs)
+void add_folder(const PlanRequest& request, const std::string& folder, bool intoFolder, Plan& plan)
 {
-    std::error_code error;
-    const auto found = request.recurse ? find_with<fs::recursive_directory_iterator>(folder, error)
-                                       : find_with<fs::directory_iterator>(folder, error);
-    for (const Found& one : found) add_job(request, one, intoFolder, jobs);
-    if (!error && !found.empty()) return;
-    Job& job = jobs.emplace_back();
+    Search search{request, folder};
+    search_all(search);
+    for (const Found& one : search.found) add_job(request, one, intoFolder, plan.jobs);
+    for (const auto& [path, why] : search.unreadable) {
+        Job& job = plan.jobs.emplace_back();
+        job.input = path.string();
+        refuse_job(job, cli::Failed, cause::CannotRead, why);
+    }
+    plan.notes.insert(plan.notes.end(), search.notes.begin(), search.notes.end());
+    if (!search.found.empty() || !search.unreadable.empty()) return;
+    Job& job = plan.jobs.emplace_back();
     job.input = folder;
-    refuse_job(job, error ? cli::Failed : cli::NoRecording,
-               error ? error.message() : "there is no *.sdv in it");
+    refuse_job(job, cli::NoRecording, cause::NoRecording, "there is no *.sdv in it");
 }
 
 bool check_request(const PlanRequest& request, bool intoFolder, std::string& why)
@@ -201,7 +292,7 @@ bool check_request(const PlanRequest& request, bool intoFolder, std::string& why
 
 } // namespace
 
-bool plan_jobs(const PlanRequest& request, std::vector<Job>& jobs, std::string& why)
+bool plan_jobs(const PlanRequest& request, Plan& plan, std::string& why)
 {
     bool many = request.inputs.size() > 1;
     for (const std::string& input : request.inputs) many |= is_folder(input);
@@ -214,11 +305,12 @@ bool plan_jobs(const PlanRequest& request, std::vector<Job>& jobs, std::string& 
     if (!check_request(request, intoFolder, why)) return false;
 
     for (const std::string& input : request.inputs)
-        is_folder(input) ? add_folder(request, input, intoFolder, jobs)
-                         : add_job(request, {input, {}}, intoFolder, jobs);
-    if (request.nameByStart) number_starts(jobs);
-    if (!check_names(jobs, why)) return false;
-    if (intoFolder) make_folders(jobs);
+        is_folder(input) ? add_folder(request, input, intoFolder, plan)
+                         : add_job(request, {input, {}}, intoFolder, plan.jobs);
+    if (request.nameByStart) number_starts(plan.jobs);
+    refuse_clashes(plan.jobs);
+    refuse_inputs_as_outputs(request, plan.jobs);
+    if (intoFolder) make_folders(plan.jobs);
     return true;
 }
 

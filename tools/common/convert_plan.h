@@ -2,6 +2,7 @@
 #pragma once
 
 #include "convert_job.h"
+#include "sdv_start.h"
 
 namespace tools {
 
@@ -11,10 +12,19 @@ struct PlanRequest
     std::string output;              // a file or a folder; empty: beside the inputs
     bool recurse = false;
     bool nameByStart = false;
+    std::string keyFile; // that no output may replace
+    sdv::Like like{};    // for recordings that have lost their file header
 };
 
-// One job for each recording; one that cannot be converted is refused already. False, and the reason in
-// `why`, when they cannot all be done: two would get one name, or one would replace another's input.
-bool plan_jobs(const PlanRequest& request, std::vector<Job>& jobs, std::string& why);
+struct Plan
+{
+    std::vector<Job> jobs;
+    std::vector<std::string> notes; // on what was found and is no job
+};
+
+// One job for each recording, and for each folder that cannot be read. Those that cannot be converted are
+// refused already, so are those that would get one name, or replace an input. False, and the reason in `why`,
+// when the request makes no sense.
+bool plan_jobs(const PlanRequest& request, Plan& plan, std::string& why);
 
 } // namespace tools

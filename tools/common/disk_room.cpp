@@ -1,4 +1,5 @@
 #include "disk_room.h"
+#include "cause.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -58,13 +59,28 @@ bool reserve_room(DiskRoom& room, uint64_t size, std::string& why)
         error = look_for_space(room.fd, size);
     }
     if (error == 0) room.reserved = wanted;
-    if (error != 0) why = strerror(error);
-    return error == 0;
+    if (error == 0) return true;
+    why = strerror(error);
+    errno = error;
+    return false;
 }
 
 bool reserve_start(DiskRoom& room, std::string& why)
 {
     return reserve_room(room, std::min(Ahead, size_limit()), why);
+}
+
+std::optional<uint64_t> free_room(const std::string& directory)
+{
+    struct statvfs disk;
+    if (statvfs(directory.c_str(), &disk) != 0) return std::nullopt;
+    return uint64_t(disk.f_bavail) * disk.f_frsize;
+}
+
+const char* write_cause(int error)
+{
+    const bool full = error == ENOSPC || error == EDQUOT || error == EFBIG;
+    return full ? cli::cause::DiskFull : cli::cause::CannotWrite;
 }
 
 void release_room(const std::string& path)

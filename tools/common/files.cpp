@@ -1,4 +1,5 @@
 #include "files.h"
+#include "human.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -6,31 +7,49 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 namespace tools {
+namespace {
+
+constexpr uint64_t LargestInput = uint64_t{1} << 30;
+constexpr uint64_t LargestStream = uint64_t{64} << 20;
+
+bool refuse_size(const std::string& path, uint64_t limit, std::string& why)
+{
+    why = path + ": larger than " + human_bytes(limit) + ", which is the most that is read";
+    if (limit == LargestStream) why += " of what is no regular file";
+    return false;
+}
+
+} // namespace
 
 bool read_file(const std::string& path, std::vector<uint8_t>& bytes, std::string& why)
 {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (!file) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "rb"), fclose);
+    struct stat status;
+    if (!file || fstat(fileno(file.get()), &status) != 0) {
         why = "cannot open " + path + ": " + strerror(errno);
         return false;
     }
+    const bool regular = S_ISREG(status.st_mode);
+    const uint64_t limit = regular ? LargestInput : LargestStream;
+    if (regular && uint64_t(status.st_size) > limit) return refuse_size(path, limit, why);
 
     const size_t BLOCK = 1 << 20;
-    size_t held = 0;
-    size_t got = 0;
+    bytes.clear();
+    bytes.reserve(size_t(regular ? status.st_size : 0) + BLOCK);
+    size_t held = 0, got = 0;
     do {
+        if (held > limit) return refuse_size(path, limit, why);
         bytes.resize(held + BLOCK);
-        got = fread(bytes.data() + held, 1, BLOCK, file);
+        got = fread(bytes.data() + held, 1, BLOCK, file.get());
         held += got;
     } while (got == BLOCK);
     bytes.resize(held);
 
-    const bool good = !ferror(file);
-    if (!good) why = "cannot read " + path + ": " + strerror(errno);
-    fclose(file);
-    return good;
+    if (ferror(file.get())) why = "cannot read " + path + ": " + strerror(errno);
+    return !ferror(file.get());
 }
 
 bool same_file(const std::string& a, const std::string& b)
@@ -58,14 +77,17 @@ bool rename_new(const std::string& from, const std::string& to)
     return false;
 }
 
-void sync_directory(const std::string& file)
+// Not every file system does that, nor may everybody read the directory.
+bool sync_directory(const std::string& file)
 {
     const size_t slash = file.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
     const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    fsync(fd);
+    if (fd < 0) return errno == EACCES;
+    const int error = fsync(fd) == 0 ? 0 : errno;
     close(fd);
+    errno = error;
+    return error == 0 || error == EINVAL || error == ENOSYS;
 }
 
 bool sync_file(const std::string& path)
@@ -97,6 +119,17 @@ bool sync_in_pieces(int fd, const std::atomic<bool>* stop)
         break;
     }
     return fsync(fd) == 0;
+}
+
+bool write_at(int fd, uint64_t offset, std::span<const uint8_t> bytes)
+{
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t put = pwrite(fd, &bytes[done], bytes.size() - done, off_t(offset + done));
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) return false;
+        done += size_t(put);
+    }
+    return true;
 }
 
 OutputFile::OutputFile(const std::string& name) : path(name), file(fopen(name.c_str(), "wb")) {}

@@ -10,7 +10,8 @@
 
 namespace tools {
 
-// False and the reason in `why` when the file cannot be read to its end.
+// False and the reason in `why` when the file cannot be read to its end, or is larger than 1 GiB. What has no
+// size to ask for, such as a pipe, may have no end either: of that 64 MiB are taken.
 bool read_file(const std::string& path, std::vector<uint8_t>& bytes, std::string& why);
 
 // Two names of one existing file?
@@ -28,8 +29,11 @@ bool sync_file(const std::string& path);
 // The same for an open file, in pieces: once `stop` is set it ends soon, with false and EINTR.
 bool sync_in_pieces(int fd, const std::atomic<bool>* stop);
 
-// The same for the file's name; that it cannot be done is no reason to fail.
-void sync_directory(const std::string& file);
+// The same for the file's name. True as well where that cannot be done at all.
+bool sync_directory(const std::string& file);
+
+// Write all of it at that offset. False, and errno, when the disk does not take it.
+bool write_at(int fd, uint64_t offset, std::span<const uint8_t> bytes);
 
 // An output file. Unless finish_output() succeeded, it is closed and removed when the record goes; only a
 // regular file is ever removed. The calls give false, and errno, on failure.

@@ -95,4 +95,12 @@ std::span<uint8_t> take_file_frame(FrameCutter& cutter)
     return {};
 }
 
+bool skip_torn(FrameCutter& cutter)
+{
+    if (cutter.end - cutter.begin <= sizeof(S_FrameHeader)) return false;
+    skip_bytes(cutter, 1);
+    cutter.found = false;
+    return true;
+}
+
 } // namespace sdv

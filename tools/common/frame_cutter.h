@@ -33,4 +33,8 @@ std::span<uint8_t> take_frame(FrameCutter& cutter, int mode);
 // The same of a whole file, from its first byte on, by the rules of a file conversion.
 std::span<uint8_t> take_file_frame(FrameCutter& cutter);
 
+// When the stream has ended: the frame that begins here lacks bytes, or only seems to. Go past its start, to
+// look for whole ones behind it. False when there can be none.
+bool skip_torn(FrameCutter& cutter);
+
 } // namespace sdv

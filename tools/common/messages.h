@@ -27,4 +27,9 @@ struct Messages
     Messages& operator=(const Messages&) = delete;
 };
 
+// The library's log also goes to files, and clears up old ones, where anything called "dbg" lies in the
+// directory that a program is started in. Nobody has named that directory to us: messages go to standard
+// error alone. To be called before the first of them.
+void write_no_log_files();
+
 } // namespace tools

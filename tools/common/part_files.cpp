@@ -1,8 +1,11 @@
 #include "part_files.h"
+#include "avi_bytes.h"
 #include "disk_room.h"
 #include "file_lock.h"
 #include "files.h"
 #include "recording_name.h"
+
+#include "Quorlin.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -62,6 +65,17 @@ std::optional<Recovered> finish_part(const Recovery& recovery, const std::string
     return recovered;
 }
 
+// Headers at most: the kill came before the first frame.
+bool is_bare(const std::string& part)
+{
+    const avi::File file(part);
+    avi::Window window(file);
+    const bool silent = avi::look_word(window, avi::VideoHeaderArea) == avi::fcc("LIST");
+    const uint32_t area = silent ? avi::VideoHeaderArea : avi::AudioHeaderArea;
+    const bool ours = file.length == 0 || avi::look_word(window, 0) == avi::fcc("RIFF");
+    return file.fd >= 0 && ours && !window.failed && file.length <= area + sizeof(AVI_MoviHeader);
+}
+
 std::optional<Recovered> recover(const Recovery& recovery, const std::string& part)
 {
     FileLock lock;
@@ -69,8 +83,7 @@ std::optional<Recovered> recover(const Recovery& recovery, const std::string& pa
     if (locked == Locked::not_at_all)
         return Recovered{part, false, "it cannot be locked: " + std::string(strerror(errno))};
     if (locked != Locked::ours) return std::nullopt;
-    struct stat status;
-    if (fstat(lock.fd, &status) != 0 || status.st_size > 0) return finish_part(recovery, part, lock);
+    if (!is_bare(part)) return finish_part(recovery, part, lock);
     unlink(part.c_str());
     return std::nullopt;
 }

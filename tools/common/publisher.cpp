@@ -43,22 +43,29 @@ bool mend(Publisher& publisher, FinishedFile& file, std::string& why)
 
 Published publish(Publisher& publisher, const FinishedFile& file, bool& noRoom)
 {
-    Published published{file, "", 0, ""};
+    Published published{file, "", 0, {}};
     RecordingName name = file.name;
     std::string why;
+    // With a folder that was taken away, another file may have come to that name: a live one, perhaps.
+    if (!still_names(name.part_name(), *file.lock)) {
+        published.trouble = {cli::cause::CannotWrite,
+                             name.part_name() + ": it cannot be finished: it is no longer there"};
+        return published;
+    }
     if (file.torn && !mend(publisher, published.file, why)) {
-        published.trouble = name.part_name() + ": it cannot be finished: " + why;
+        published.trouble = {cli::cause::CannotWrite, name.part_name() + ": it cannot be finished: " + why};
         return published;
     }
     if (!sync_file(name.part_name())) {
-        published.trouble = name.part_name() + ": " + strerror(errno);
+        const int error = errno;
+        published.trouble = {write_cause(error), name.part_name() + ": " + strerror(error)};
         return published;
     }
-    if (!publish_name(name, published.trouble)) {
+    if (!publish_name(name, why)) {
         noRoom = errno == ENOSPC;
+        published.trouble = {write_cause(errno), why};
         return published;
     }
-    published.trouble.clear();
     published.path = name.final_name();
     struct stat status
     {
@@ -72,7 +79,7 @@ Published publish(Publisher& publisher, const FinishedFile& file, bool& noRoom)
 // that it does not need are there again when it is finished: no reason to tell of it yet.
 void settle(Publisher& publisher, Waiting& one, Published& published, bool noRoom)
 {
-    const bool trouble = !published.trouble.empty();
+    const bool trouble = !published.trouble.text.empty();
     published.last = trouble && publisher.over;
     if (!trouble || publisher.over || !(noRoom || one.told)) {
         publisher.done.push_back(published);
@@ -105,7 +112,7 @@ void work(Publisher& publisher)
         bool noRoom = false;
         Published published = publish(publisher, one.file, noRoom);
         lock.lock();
-        pause = published.trouble.empty() ? FirstPause : std::min(2 * pause, LongestPause);
+        pause = published.trouble.text.empty() ? FirstPause : std::min(2 * pause, LongestPause);
         settle(publisher, one, published, noRoom);
     }
     publisher.ended = true;

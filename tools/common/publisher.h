@@ -20,8 +20,8 @@ struct Published
     FinishedFile file;
     std::string path; // its final name
     uint64_t bytes = 0;
-    std::string trouble; // empty, or why it keeps its part name
-    bool last = false;   // and is not tried again
+    Why trouble;       // without a text, or why it keeps its part name
+    bool last = false; // and is not tried again
 };
 
 struct Waiting

@@ -9,7 +9,7 @@ constexpr uint64_t EnoughPerSecond = 1000;
 
 void begin_pulse(Pulse& pulse)
 {
-    pulse.heard = pulse.since = Pulse::Clock::now();
+    pulse.heard = pulse.since = pulse.frame = Pulse::Clock::now();
     pulse.bytes = 0;
 }
 
@@ -21,7 +21,7 @@ void hear_bytes(Pulse& pulse, uint64_t count)
 
 void hear_frame(Pulse& pulse)
 {
-    pulse.since = Pulse::Clock::now();
+    pulse.since = pulse.frame = Pulse::Clock::now();
     pulse.bytes = 0;
 }
 

@@ -13,6 +13,7 @@ struct Pulse
     Clock::time_point heard; // the last byte
     Clock::time_point since; // the last whole frame, or the last period in which enough came without one
     uint64_t bytes = 0;      // since then
+    Clock::time_point frame; // the last whole frame, or the beginning
 };
 
 void begin_pulse(Pulse& pulse);

@@ -165,6 +165,46 @@ FactGroup damage_facts(const Stats& stats)
              count("numbering/missing", "Frames missing by their numbers", stats.missing)}};
 }
 
+// "0.04 s", "12.5 s", "3:20 min", "1:02:03 h".
+std::string length_text(double seconds)
+{
+    if (seconds < 59.95) return number(seconds > 0 && seconds < 0.1 ? "%.2f s" : "%.1f s", seconds);
+    return tools::human_duration(seconds) + (seconds < 3599.5 ? " min" : " h");
+}
+
+std::string lost_text(const Stats& stats)
+{
+    const uint64_t lost = lost_frames(stats);
+    const uint64_t all = lost + shut_frames(stats) + stats.fates[size_t(Fate::Recorded)];
+    const auto rate = shown_rate(stats);
+    if (!all) return "no frame in it";
+    const std::string whole = rate ? length_text(double(all) / *rate) : counted(all, "frame");
+    if (!lost) return "nothing lost of " + whole;
+    return (rate ? length_text(double(lost) / *rate) : std::to_string(lost)) + " of " + whole + " lost";
+}
+
+std::string key_verdict(const Stats& stats)
+{
+    const std::string shut = std::to_string(shut_frames(stats)) + " of " + counted(stats.frames, "frame");
+    if (!stats.keyGiven) return "needs a key: " + shut + " are encrypted";
+    return "needs another key: this one does not open " + shut;
+}
+
+std::string damage_verdict(const Stats& stats)
+{
+    std::string text;
+    if (!stats.borrowed.empty()) text += "; its file header is lost";
+    if (stats.damageCount) text += "; " + counted(stats.damageCount, "damaged place");
+    if (stats.numberGapCount)
+        text += "; " + counted(stats.numberGapCount, "numbering gap") + " (" +
+                counted(stats.missing, "frame") + " missing)";
+    for (const Fate fate : {Fate::BeforeKeyFrame, Fate::Numbered0, Fate::Inconsistent})
+        if (stats.fates[size_t(fate)])
+            text += "; " + counted(stats.fates[size_t(fate)], "frame") + " " + fate_text(fate);
+    if (stats.openGap) text += "; its end is torn";
+    return text;
+}
+
 } // namespace
 
 std::vector<FactGroup> facts_of(const Stats& stats)
@@ -175,19 +215,20 @@ std::vector<FactGroup> facts_of(const Stats& stats)
 
 std::string verdict(const Stats& stats)
 {
-    const uint64_t recorded = stats.fates[size_t(Fate::Recorded)];
-    const std::string kept = stats.frames == 0         ? "no frame in it"
-                             : recorded < stats.frames ? "a conversion keeps " + std::to_string(recorded) +
-                                                             " of " + counted(stats.frames, "frame")
-                                                       : "";
-    if (!is_damaged(stats)) return "no damage found" + (kept.empty() ? "" : ", but " + kept);
-    std::string text = counted(stats.damageCount, "damaged place");
-    if (stats.numberGapCount)
-        text += ", " + counted(stats.numberGapCount, "numbering gap") + " (" +
-                counted(stats.missing, "frame") + " missing)";
-    const uint64_t inconsistent = stats.fates[size_t(Fate::Inconsistent)];
-    if (inconsistent) text += ", " + counted(inconsistent, "inconsistent frame");
-    return kept.empty() ? text : text + "; " + kept;
+    const bool shut = shut_frames(stats) > 0;
+    std::string text = shut ? key_verdict(stats) : lost_text(stats);
+    if (plays(stats))
+        text += shut ? "; plays in part" : "; plays";
+    else if (!shut && stats.frames)
+        text += "; no key frame to play from";
+    if (shut && lost_frames(stats)) text += "; " + lost_text(stats);
+    return text + damage_verdict(stats);
+}
+
+std::string place_text(double seconds)
+{
+    const double tenths = std::floor(std::fmax(seconds, 0) * 10 + 1e-6);
+    return tools::human_duration(std::floor(tenths / 10)) + number(".%.0f", std::fmod(tenths, 10));
 }
 
 } // namespace sdv

@@ -1,6 +1,7 @@
 #include "sdv_scan.h"
 
 #include "Quorlin.h"
+#include "cause.h"
 #include "rescue_read.h"
 
 #include <algorithm>
@@ -143,7 +144,7 @@ Cause cause_of(Scan& scan, uint64_t from, uint64_t end)
 
 void note_gap(Scan& scan, uint64_t from, uint64_t end)
 {
-    from = std::max<uint64_t>(from, sizeof(S_FileHeader));
+    from = std::max<uint64_t>(from, scan.file.begin);
     if (from >= end) return;
     const Cause cause = cause_of(scan, from, end); // has all of it looked at
     scan.calls.gap({from, end - from, cause, tools::lost_between(scan.input, from, end)});
@@ -218,7 +219,12 @@ void walk(Scan& scan, uint64_t at, uint64_t end, bool leading)
             search = true;
             continue;
         }
-        if (size > end - start) break;
+        // The last frame is cut off, or only seems so: whole ones may lie behind its header.
+        if (size > end - start) {
+            at = start + 1;
+            search = true;
+            continue;
+        }
         note_gap(scan, gapStart, start);
         const auto bytes = view(scan, start, size_t(size));
         if (bytes.size() < size) return; // the file has become shorter
@@ -240,9 +246,11 @@ RecordingFile::~RecordingFile()
     if (fd >= 0) close(fd);
 }
 
-Opened open_recording(RecordingFile& file, const std::string& path, std::string& why)
+Opened open_recording(RecordingFile& file, const std::string& path, const Like& like, std::string& why,
+                      const char*& code)
 {
     struct stat status;
+    code = cli::cause::CannotRead;
     file.fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); // a pipe must not make us wait
     if (file.fd < 0 || fstat(file.fd, &status) < 0) {
         why = path + ": " + strerror(errno);
@@ -253,16 +261,33 @@ Opened open_recording(RecordingFile& file, const std::string& path, std::string&
         return Opened::Unreadable;
     }
     file.size = uint64_t(status.st_size);
-    const ssize_t got = pread(file.fd, &file.header, sizeof(file.header), 0);
+    uint8_t head[sizeof(S_FileHeader)];
+    const ssize_t got = pread(file.fd, head, sizeof(head), 0);
     if (got < 0) {
         why = path + ": " + strerror(errno);
         return Opened::Unreadable;
     }
-    if (got < ssize_t(sizeof(file.header)) || !IsValidFileHeader(&file.header)) {
-        why = path + ": is no SDV recording";
-        return Opened::NoRecording;
+    const Beginning beginning = look_at_start(file.fd, 0, {head, size_t(got)});
+    code = start_code(beginning.start);
+    if (beginning.start == Start::Recording) {
+        memcpy(&file.header, head, sizeof(head));
+        return Opened::Fine;
     }
-    return Opened::Fine;
+    why = start_text(beginning.start);
+    const bool borrows = beginning.start == Start::HeaderLost && !like.path.empty();
+    if (borrows && borrow_header(like, beginning, file.header, why)) {
+        file.begin = std::min<uint64_t>(beginning.firstFrame, sizeof(S_FileHeader));
+        file.borrowed = like.path;
+        return Opened::Fine;
+    }
+    why = path + ": " + why;
+    return Opened::NoRecording;
+}
+
+Opened open_recording(RecordingFile& file, const std::string& path, std::string& why)
+{
+    const char* code = nullptr;
+    return open_recording(file, path, {}, why, code);
 }
 
 bool is_consistent(const ScannedFrame& frame)
@@ -282,7 +307,7 @@ bool scan_frames(const RecordingFile& file, std::span<const uint8_t> key, const 
     Scan scan{file, calls, rules_of(file.header.Mode), {}};
     scan.input.fd = file.fd;
     scan.input.size = file.size;
-    const uint64_t behindHeader = sizeof(S_FileHeader);
+    const uint64_t behindHeader = file.begin;
     // The search of a conversion begins at the very start: the file header is scanned too.
     const uint64_t first = scan.rules.converted ? seek_frame(scan, 0, file.size, true) : behindHeader;
     walk(scan, behindHeader, first, true);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "CommonFun.h"
+#include "sdv_start.h"
 
 #include <cstdint>
 #include <functional>
@@ -17,6 +18,8 @@ struct RecordingFile
     int fd = -1;
     uint64_t size = 0;
     S_FileHeader header{};
+    uint64_t begin = sizeof(S_FileHeader); // where frames may begin: sooner where the header is lost
+    std::string borrowed;                  // the recording whose header that is; empty: its own
 
     RecordingFile() = default;
     ~RecordingFile();
@@ -31,7 +34,10 @@ enum class Opened
     NoRecording
 };
 
-// Anything but Fine: the reason, with the file's name, in `why`.
+// Anything but Fine: the reason, with the file's name, in `why`, and in `code` as cli::cause. The header of
+// `like` stands in for one that is lost.
+Opened open_recording(RecordingFile& file, const std::string& path, const Like& like, std::string& why,
+                      const char*& code);
 Opened open_recording(RecordingFile& file, const std::string& path, std::string& why);
 
 enum class Cipher

@@ -3,6 +3,8 @@
 #include "Quorlin.h"
 #include "adts.h"
 #include "annexb.h"
+#include "cause.h"
+#include "frame_numbers.h"
 
 #include <algorithm>
 
@@ -14,7 +16,6 @@ constexpr size_t G711Prefix = 4;
 constexpr size_t EncipheredBytes = 64;
 constexpr size_t ParameterSets = 4096; // bytes of a key frame in which its parameter sets lie
 constexpr uint32_t LongestStepMs = 60'000;
-constexpr uint32_t LongestLoss = 1'000'000; // frames; beyond it the numbers were damaged or began anew
 
 Bin& bin_at(Chart& chart, uint64_t position)
 {
@@ -30,6 +31,8 @@ Bin& bin_at(Chart& chart, uint64_t position)
             to.largest = std::max(to.largest, bin.largest);
             to.damage += bin.damage;
             to.missing += bin.missing;
+            to.busiest = std::max(to.busiest, bin.busiest);
+            if (i % 2 == 0) to.begins = bin.begins;
         }
         chart.bins.resize((chart.bins.size() + 1) / 2);
         chart.width *= 2;
@@ -39,26 +42,32 @@ Bin& bin_at(Chart& chart, uint64_t position)
     return chart.bins[place];
 }
 
+// Of the place that has been reached. Until there are time stamps, frames tell the time.
+double seconds_so_far(const Stats& stats)
+{
+    if (has_time_stamps(stats)) return double(stats.stampedMs) / 1000;
+    return played_duration(stats).value_or(0);
+}
+
 uint32_t slots_of(const S_FrameHeader& header)
 {
     return (header.u16AFrames >> 8) + (header.u16AFrames & 0xFFu);
 }
 
-void add_numbering(Stats& stats, const ScannedFrame& frame)
+void add_numbering(Stats& stats, const ScannedFrame& frame, double seconds)
 {
     const uint32_t before = stats.last->u32FrameNO, after = frame.header.u32FrameNO;
     const uint32_t step = after - before;
     uint64_t missing = 0;
     if (step != 1) {
-        missing = step > 1 && step <= LongestLoss ? step - 1 : 0;
+        missing = missing_between(before, after);
         stats.missing += missing;
         ++stats.numberGapCount;
         if (stats.numberGaps.size() < MostListed)
-            stats.numberGaps.push_back({frame.offset, before, after, missing});
+            stats.numberGaps.push_back({frame.offset, before, after, missing, seconds});
         bin_at(stats.byFrame, stats.frames).missing += missing;
     }
-    const bool told = step >= 1 && step <= LongestLoss;
-    if (stats.openGap && told) stats.damage[*stats.openGap].lost = missing;
+    if (stats.openGap && (step == 1 || missing)) stats.damage[*stats.openGap].lost = missing;
 }
 
 void add_time(Stats& stats, const S_FrameHeader& header)
@@ -166,7 +175,13 @@ void add_parts(Stats& stats, const ScannedFrame& frame)
 
 void add_to_charts(Stats& stats, const ScannedFrame& frame)
 {
-    for (Bin* bin : {&bin_at(stats.byFrame, stats.frames), &bin_at(stats.bySecond, stats.stampedMs / 1000)}) {
+    const uint64_t second = stats.stampedMs / 1000;
+    if (second != stats.second) stats.secondBytes = 0;
+    stats.second = second;
+    stats.secondBytes += frame.bytes.size();
+    for (Bin* bin : {&bin_at(stats.byFrame, stats.frames), &bin_at(stats.bySecond, second)}) {
+        if (!bin->frames) bin->begins = seconds_so_far(stats);
+        bin->busiest = std::max(bin->busiest, stats.secondBytes);
         ++bin->frames;
         bin->keyFrames += stats.lastKey == stats.frames;
         bin->audioSlots += is_consistent(frame) ? slots_of(frame.header) : 0;
@@ -185,6 +200,7 @@ std::optional<double> over(double sum, double count)
 void begin_stats(Stats& stats, const RecordingFile& file, bool keyGiven)
 {
     stats.header = file.header;
+    stats.borrowed = file.borrowed;
     stats.fileSize = file.size;
     stats.keyGiven = keyGiven;
 }
@@ -199,12 +215,14 @@ void add_frame(Stats& stats, const ScannedFrame& frame)
     // Neither has a place among the others.
     if (!mpeg4 && is_consistent(frame) && header.u32FrameNO != 0) {
         if (stats.last) {
+            const double before = seconds_so_far(stats);
             add_time(stats, header);
-            add_numbering(stats, frame);
+            add_numbering(stats, frame, before);
         }
         stats.last = header;
         stats.openGap.reset();
         if (header.u8FrameType == 0) add_key_frame(stats);
+        stats.keptKeyFrames += header.u8FrameType == 0 && frame.fate == Fate::Recorded;
         add_parts(stats, frame);
     }
     add_to_charts(stats, frame);
@@ -219,7 +237,8 @@ void add_gap(Stats& stats, const Gap& gap)
     if (!gap.inFrame) stats.openGap.reset();
     if (stats.damage.size() < MostListed) {
         if (!gap.inFrame) stats.openGap = stats.damage.size();
-        stats.damage.push_back({gap, gap.inFrame ? std::optional<uint64_t>(0) : std::nullopt});
+        stats.damage.push_back(
+            {gap, gap.inFrame ? std::optional<uint64_t>(0) : std::nullopt, seconds_so_far(stats)});
     }
     ++bin_at(stats.byFrame, stats.frames).damage;
     ++bin_at(stats.bySecond, stats.stampedMs / 1000).damage;
@@ -238,6 +257,12 @@ std::optional<double> real_rate(const Stats& stats)
 std::optional<double> played_duration(const Stats& stats)
 {
     return over(double(stats.frames), stats.header.FrameRate);
+}
+
+std::optional<double> shown_rate(const Stats& stats)
+{
+    const auto real = real_rate(stats);
+    return real || !stats.header.FrameRate ? real : std::optional<double>(stats.header.FrameRate);
 }
 
 double duration(const Stats& stats)
@@ -279,13 +304,47 @@ double bit_rate(const Stats& stats, uint64_t bytes)
 double peak_bit_rate(const Stats& stats)
 {
     uint64_t most = 0;
-    for (const Bin& bin : stats.bySecond.bins) most = std::max(most, bin.bytes);
-    return has_time_stamps(stats) ? 8.0 * double(most) / double(stats.bySecond.width) : 0;
+    for (const Bin& bin : stats.bySecond.bins) most = std::max(most, bin.busiest);
+    return has_time_stamps(stats) ? 8.0 * double(most) : 0;
 }
 
 bool is_damaged(const Stats& stats)
 {
-    return stats.damageCount || stats.numberGapCount || stats.fates[size_t(Fate::Inconsistent)];
+    return !stats.borrowed.empty() || stats.damageCount || stats.numberGapCount ||
+           stats.fates[size_t(Fate::Inconsistent)];
+}
+
+uint64_t shut_frames(const Stats& stats)
+{
+    return stats.fates[size_t(Fate::NoKey)] + stats.fates[size_t(Fate::WrongKey)];
+}
+
+uint64_t lost_frames(const Stats& stats)
+{
+    const uint64_t seen = stats.frames + stats.missing, told = stats.header.FrameCount;
+    const bool untold = std::any_of(stats.damage.begin(), stats.damage.end(),
+                                    [](const DamagePlace& place) { return !place.lost; });
+    const uint64_t more = untold && told > seen && told - seen <= LongestLoss ? told - seen : 0;
+    return seen + more - stats.fates[size_t(Fate::Recorded)] - shut_frames(stats);
+}
+
+// Of MPEG-4 frames nobody knows which are key frames.
+bool plays(const Stats& stats)
+{
+    const bool mpeg4 = stats.header.Mode == 11;
+    return mpeg4 ? stats.fates[size_t(Fate::Recorded)] > 0 : stats.keptKeyFrames > 0;
+}
+
+State state_of(const Stats& stats)
+{
+    if (shut_frames(stats)) return State::NeedsKey;
+    return is_damaged(stats) || lost_frames(stats) || !plays(stats) ? State::Lost : State::Kept;
+}
+
+const char* state_word(State state)
+{
+    const char* const words[] = {"kept", "needs_key", "lost"};
+    return words[size_t(state)];
 }
 
 const char* cause_text(Cause cause)
@@ -298,6 +357,20 @@ const char* cause_text(Cause cause)
                                  "the last frame is cut off",
                                  "cannot be read: the disk or card fails"};
     return texts[size_t(cause)];
+}
+
+const char* cause_code(Cause cause)
+{
+    using namespace cli::cause;
+    const char* const codes[] = {Garbage, Zeros, Erased, BadHeader, BytesLost, CutOff, CannotRead};
+    return codes[size_t(cause)];
+}
+
+const char* fate_code(Fate fate)
+{
+    using namespace cli::cause;
+    const char* const codes[Fates] = {nullptr, BeforeKeyFrame, Number0, NoKey, WrongKey, Inconsistent};
+    return codes[size_t(fate)];
 }
 
 const char* fate_text(Fate fate)

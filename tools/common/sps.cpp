@@ -1,6 +1,7 @@
 #include "sps.h"
 
 #include <algorithm>
+#include <cmath>
 #include <iterator>
 #include <vector>
 
@@ -180,17 +181,26 @@ bool picture_size(std::span<const uint8_t> nal, PictureSize& size)
     return true;
 }
 
-bool picture_rate(std::span<const uint8_t> nal, uint32_t& rate)
+bool picture_timing(std::span<const uint8_t> nal, Timing& timing)
 {
     BitReader reader;
     PictureSize size;
     if (!read_to_size(reader, nal, size) || !flag(reader)) return false;
     skip_to_timing(reader);
     if (!flag(reader)) return false;
-    const uint64_t tick = bits(reader, 32);
-    const uint64_t scale = bits(reader, 32);
+    const double tick = bits(reader, 32);
+    const double scale = bits(reader, 32);
+    const bool fixed = flag(reader);
     if (reader.failed || tick == 0) return false;
-    const uint64_t rounded = (scale + tick) / (2 * tick); // two ticks a picture
+    timing = {scale / (2 * tick), fixed}; // two ticks a picture
+    return true;
+}
+
+bool picture_rate(std::span<const uint8_t> nal, uint32_t& rate)
+{
+    Timing timing;
+    if (!picture_timing(nal, timing)) return false;
+    const double rounded = std::floor(timing.rate + 0.5);
     if (rounded < 1 || rounded > UINT32_MAX) return false;
     rate = static_cast<uint32_t>(rounded);
     return true;

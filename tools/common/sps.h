@@ -16,7 +16,16 @@ struct PictureSize
 // not an SPS, end too early or give no size from 1 to 65535 either way; `size` is then as it was.
 bool picture_size(std::span<const uint8_t> nal, PictureSize& size);
 
-// Pictures a second, rounded to a whole number. False as above, or when the SPS has no timing.
+struct Timing
+{
+    double rate = 0;    // pictures a second
+    bool fixed = false; // else pictures may also last longer
+};
+
+// False as above, or when the SPS has no timing.
+bool picture_timing(std::span<const uint8_t> nal, Timing& timing);
+
+// The rate rounded to a whole number. False as above, or when there is none from 1 to UINT32_MAX.
 bool picture_rate(std::span<const uint8_t> nal, uint32_t& rate);
 
 } // namespace sps

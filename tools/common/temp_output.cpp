@@ -12,6 +12,7 @@
 #include <mutex>
 #include <random>
 #include <string_view>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -24,6 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr mode_t Owner = S_IRUSR | S_IWUSR;
 constexpr int EndSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 // What the signal handler removes: it can know nothing but a static. Changed under ListChange.
@@ -183,20 +185,70 @@ void allow_descriptors()
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// All or none; only what replaced an older file cannot be taken back.
+enum class Placed
+{
+    not_at_all,
+    fresh,
+    exchanged, // the older file has the temporary name
+    replaced   // the older file is gone: its file system cannot exchange two
+};
+
+// One file alone needs no way back.
+Placed place(const TempOutput& output, bool replace, bool alone)
+{
+    const char *from = output.path.c_str(), *to = output.target.c_str();
+    struct stat older;
+    if (!replace || lstat(to, &older) != 0)
+        return rename_new(output.path, output.target) ? Placed::fresh : Placed::not_at_all;
+    errno = EISDIR;
+    if (S_ISDIR(older.st_mode)) return Placed::not_at_all;
+    if (!alone && renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_EXCHANGE) == 0) return Placed::exchanged;
+    if (!alone && errno != EINVAL && errno != ENOSYS) return Placed::not_at_all;
+    return rename(from, to) == 0 ? Placed::replaced : Placed::not_at_all;
+}
+
+void take_back(const TempOutput& output, Placed placed)
+{
+    const char *from = output.path.c_str(), *to = output.target.c_str();
+    if (placed == Placed::fresh) unlink(to);
+    if (placed == Placed::exchanged) renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_EXCHANGE);
+}
+
+// All or none, as far as the file system can.
 bool put_in_place(std::span<TempOutput* const> outputs, std::string& why, bool replace)
 {
-    for (size_t i = 0; i < outputs.size(); ++i) {
-        const TempOutput& output = *outputs[i];
-        if (replace ? rename(output.path.c_str(), output.target.c_str()) == 0
-                    : rename_new(output.path, output.target))
-            continue;
-        fail(why, output.target, strerror(errno));
-        for (size_t before = 0; before < i && !replace; ++before) unlink(outputs[before]->target.c_str());
+    std::vector<Placed> placed;
+    for (const TempOutput* output : outputs) {
+        placed.push_back(place(*output, replace, outputs.size() == 1));
+        if (placed.back() != Placed::not_at_all) continue;
+        const int reason = errno;
+        fail(why, output->target, strerror(reason));
+        for (size_t i = 0; i < placed.size(); ++i) take_back(*outputs[i], placed[i]);
+        errno = reason;
         return false;
     }
-    for (TempOutput* output : outputs) disarm(*output);
+    for (size_t i = 0; i < placed.size(); ++i) {
+        if (placed[i] == Placed::exchanged) unlink(outputs[i]->path.c_str());
+        disarm(*outputs[i]);
+    }
     return true;
+}
+
+// Somebody writes to it, or finishes it.
+bool is_held(const std::string& path)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    const bool held = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (fd >= 0) close(fd);
+    return held;
+}
+
+// Only where its owner needed more than that until now.
+void restrict_owner(const TempOutput& output)
+{
+    struct stat status;
+    if ((output.rights & Owner) == Owner || fstat(output.fd, &status) != 0) return;
+    if (fchmod(output.fd, status.st_mode & output.rights) != 0) return; // a file system without rights
 }
 
 } // namespace
@@ -209,20 +261,26 @@ TempOutput::~TempOutput()
     disarm(*this);
 }
 
-bool is_taken(const std::string& name, std::string& why)
+bool is_taken(const std::string& name, bool overwrite, std::string& why)
 {
-    return exists(name) && !fail(why, name, "exists already (--overwrite replaces it)");
+    if (!exists(name)) return false;
+    if (!overwrite) return !fail(why, name, "exists already (--overwrite replaces it)");
+    return is_held(name) && !fail(why, name, "is being written");
 }
 
-bool create_temp(TempOutput& output, const std::string& target, std::string& why)
+bool create_temp(TempOutput& output, const std::string& target, std::string& why, mode_t rights)
 {
-    if (!resolve(target, output.target, why)) return false;
+    if (!resolve(target, output.target, why)) {
+        errno = 0;
+        return false;
+    }
+    output.rights = rights;
     std::random_device random;
     allow_descriptors();
     for (int tries = 0; tries < 100; ++tries) {
         const std::string path = temp_name(output.target, random());
         const ListChange change;
-        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, rights | Owner);
         const int reason = errno;
         const bool ours = fd >= 0 && lock_temp(fd, path);
         if (ours)
@@ -230,9 +288,24 @@ bool create_temp(TempOutput& output, const std::string& target, std::string& why
         else if (fd >= 0)
             close(fd);
         if (ours) return true;
-        if (fd < 0 && reason != EEXIST) return fail(why, target, strerror(reason));
+        if (fd < 0 && reason != EEXIST) {
+            fail(why, target, strerror(reason));
+            errno = reason;
+            return false;
+        }
     }
     return fail(why, target, "no free temporary name beside it");
+}
+
+void take_over(TempOutput& output, int older)
+{
+    struct stat status;
+    if (fstat(older, &status) != 0) return;
+    output.rights = status.st_mode & 0777;
+    if (fchown(output.fd, status.st_uid, status.st_gid) != 0 &&
+        fchown(output.fd, uid_t(-1), status.st_gid) != 0)
+        errno = 0;                                                // another's file, and in no group of ours
+    if (fchmod(output.fd, output.rights | Owner) != 0) errno = 0; // a file system without rights
 }
 
 void remove_abandoned_temps(const std::string& target)
@@ -254,15 +327,21 @@ bool commit_temp(TempOutput& output, std::string& why, bool replace)
 
 bool commit_temps(std::span<TempOutput* const> outputs, std::string& why, bool replace)
 {
-    for (const TempOutput* output : outputs)
+    for (const TempOutput* output : outputs) {
         if (!sync_file(output->path)) return fail(why, output->path, strerror(errno));
+        restrict_owner(*output);
+    }
     bool done;
     {
         const ListChange change;
         done = put_in_place(outputs, why, replace);
     }
-    if (done && !outputs.empty()) sync_directory(outputs.front()->target);
-    return done;
+    if (!done || outputs.empty() || sync_directory(outputs.front()->target)) return done;
+    const int reason = errno;
+    fail(why, outputs.front()->target, "is in its place, but its name may not be on the disk");
+    why += std::string(": ") + strerror(reason);
+    errno = reason;
+    return false;
 }
 
 } // namespace tools
